@@ -1,0 +1,1 @@
+#include "tavrel_internal.h"

@@ -1,0 +1,73 @@
+// Fake kernel for unit tests: the test executable interposes the calls that
+// libnltavrel makes on NETLINK sockets (socket, setsockopt, bind, sendto,
+// recvfrom, close) and if_nametoindex. Each socket follows a scripted plan
+// and records what the library did with it.
+#pragma once
+
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+namespace fk {
+
+using bytes = std::vector<uint8_t>;
+
+struct socket_plan {
+    int socket_errno = 0;      // socket() fails with this errno
+    int fd_override = -1;      // hand out this descriptor number (no real descriptor behind it)
+    int setsockopt_errno = 0;  // NETLINK_EXT_ACK refused
+    int bind_errno = 0;
+    int send_errno = 0;
+    size_t send_short_by = 0;  // report this many bytes fewer than asked
+    std::vector<bytes> replies;  // datagrams, in order
+    int recv_errno = 0;          // fail the receive that finds no reply left with this errno
+};
+
+struct socket_record {
+    int fd = -1;
+    int domain = 0, type = 0, protocol = 0;
+    bool ext_ack_requested = false;
+    bool bound = false;
+    sockaddr_nl bind_address{};
+    socklen_t bind_length = 0;
+    std::vector<bytes> sent;
+    std::vector<size_t> recv_sizes;  // buffer size offered to each recvfrom
+    size_t next_reply = 0;
+    bool closed = false;
+    socket_plan plan;
+};
+
+// Forgets all plans, records and interfaces.
+void reset();
+// Plan for the next socket() call; sockets without a plan succeed and have no replies.
+socket_plan &expect_socket();
+// Every socket the library asked for, in order (failed ones included).
+const std::deque<socket_record> &sockets();
+// Interfaces known to if_nametoindex; unknown names give 0.
+void set_interface(const std::string &name, unsigned index);
+// Sockets handed out and not closed.
+int open_descriptors();
+// Total number of sendto calls on fake sockets.
+size_t requests_sent();
+
+// Helpers to build kernel answers.
+struct msg {
+    uint16_t type = 0;
+    uint16_t flags = 0;
+    bytes payload;
+    uint32_t len_override = 0;  // nlmsg_len to write instead of the true length
+};
+bytes datagram(const std::vector<msg> &messages);
+bytes ack(int32_t code, const bytes &echoed_request = {}, uint16_t flags = 0);
+bytes done(int32_t status = 0);
+bytes attr(uint16_t type, const bytes &payload);
+bytes u32_bytes(uint32_t value);
+bytes operator+(bytes a, const bytes &b);
+bytes str_bytes(const std::string &s);  // with terminating NUL
+
+}  // namespace fk
