@@ -1,0 +1,43 @@
+#!/bin/bash
+# Runs every test tier of libnltavrel, installing what is missing first.
+# Needs root (package installs, network namespaces).
+#
+#   host builds: g++ (RelWithDebInfo), clang++, and g++ with ASan + UBSan;
+#   each runs the unit tests and the symbol checks; the g++ and sanitizer
+#   builds also run the kernel tier in private network namespaces.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+"$root/scripts/install-deps.sh" test
+
+jobs=$(nproc)
+failed=()
+
+configure_build() {  # dir, cmake args...
+  local dir=$1; shift
+  cmake -S "$root" -B "$dir" "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs" >/dev/null
+}
+
+run_ctest() {  # name, dir, ctest args...
+  local name=$1 dir=$2; shift 2
+  echo "=== $name"
+  if ! (cd "$dir" && ctest --output-on-failure "$@"); then
+    failed+=("$name")
+  fi
+}
+
+configure_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_ctest "g++: unit, symbols and kernel tier" build
+
+configure_build build-clang -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+run_ctest "clang++: unit and symbols" build-clang -L unit
+
+configure_build build-asan -DCMAKE_BUILD_TYPE=Debug -DTAVREL_SANITIZE=ON
+run_ctest "g++ ASan+UBSan: unit and kernel tier" build-asan
+
+if [[ ${#failed[@]} -gt 0 ]]; then
+  echo "FAILED: ${failed[*]}"
+  exit 1
+fi
+echo "all test tiers passed"
