@@ -13,7 +13,8 @@ namespace {
 const tavrelctl_command_table *const tables[] = {
     &tavrelctl_transport_commands,
     &tavrelctl_rtnetlink_commands,
-    &tavrelctl_xfrm_commands,
+    &tavrelctl_xfrm_sa_commands,
+    &tavrelctl_xfrm_policy_commands,
     &tavrelctl_addrlabel_commands,
 };
 

@@ -24,7 +24,8 @@ struct tavrelctl_command_table {
 
 extern const tavrelctl_command_table tavrelctl_transport_commands;
 extern const tavrelctl_command_table tavrelctl_rtnetlink_commands;
-extern const tavrelctl_command_table tavrelctl_xfrm_commands;
+extern const tavrelctl_command_table tavrelctl_xfrm_sa_commands;
+extern const tavrelctl_command_table tavrelctl_xfrm_policy_commands;
 extern const tavrelctl_command_table tavrelctl_addrlabel_commands;
 
 // Argument parsers; each prints what is wrong and returns false.
