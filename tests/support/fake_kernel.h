@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace fk {
@@ -26,6 +27,16 @@ struct socket_plan {
     size_t send_short_by = 0;  // report this many bytes fewer than asked
     std::vector<bytes> replies;  // datagrams, in order
     int recv_errno = 0;          // fail the receive that finds no reply left with this errno
+
+    // Chainable setters for table-driven tests.
+    socket_plan &reply(bytes datagram) { replies.push_back(std::move(datagram)); return *this; }
+    socket_plan &fail_socket(int e) { socket_errno = e; return *this; }
+    socket_plan &fail_setsockopt(int e) { setsockopt_errno = e; return *this; }
+    socket_plan &fail_bind(int e) { bind_errno = e; return *this; }
+    socket_plan &fail_send(int e) { send_errno = e; return *this; }
+    socket_plan &short_send(size_t n) { send_short_by = n; return *this; }
+    socket_plan &fail_recv(int e) { recv_errno = e; return *this; }
+    socket_plan &fd(int n) { fd_override = n; return *this; }
 };
 
 struct socket_record {
