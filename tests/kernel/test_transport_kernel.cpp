@@ -1,4 +1,7 @@
 #include <linux/fib_rules.h>
+#include <linux/genetlink.h>
+
+#include <algorithm>
 #include <linux/rtnetlink.h>
 
 #include "kernel_test.h"
@@ -56,4 +59,53 @@ TEST_F(KernelTest, RequestWithoutAckReturnsAtOnceEvenWhenRefused)
     EXPECT_EQ(kernel_error, 0);
     EXPECT_NE(log().find("Not requesing ACK for NL message"), std::string::npos);
     EXPECT_NE(sh("ip rule show").find("1234:"), std::string::npos);
+}
+
+TEST_F(KernelTest, GenericNetlinkFamilyLookup)
+{
+    uint16_t id = 0;
+    ASSERT_EQ(tavrel_netlink_query_genl("nlctrl", 1, &id), 0) << log();
+    EXPECT_EQ(id, GENL_ID_CTRL);
+
+    id = 0xabcd;
+    EXPECT_EQ(tavrel_netlink_query_genl("no_such_family", 1, &id), -1);
+    EXPECT_EQ(id, 0xabcd);
+    EXPECT_NE(log().find("tavrel_netlink_query(): Kernel reports error -2\n"), std::string::npos) << log();
+    EXPECT_NE(log().find("tavrel_netlink_query_genl(): Netlink query failed\n"), std::string::npos) << log();
+}
+
+namespace {
+
+void count_rule(const nlmsghdr *message, void *context)
+{
+    if (message->nlmsg_type == RTM_NEWRULE)
+        ++*static_cast<int *>(context);
+}
+
+}  // namespace
+
+TEST_F(KernelTest, DumpHandsEveryRuleToTheCallback)
+{
+    for (uint32_t priority = 100; priority < 250; priority++) {
+        rule_request r;
+        build_rule(r, NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL, priority, 1000 + priority);
+        ASSERT_EQ(tavrel_netlink_transact(&r.header, NETLINK_ROUTE, nullptr), 0);
+    }
+    struct {
+        nlmsghdr header;
+        fib_rule_hdr rule;
+    } dump;
+    memset(&dump, 0, sizeof dump);
+    dump.header.nlmsg_len = sizeof dump;
+    dump.header.nlmsg_type = RTM_GETRULE;
+    dump.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    dump.rule.family = AF_INET;
+    int rules = 0;
+    ASSERT_EQ(tavrel_netlink_dump(&dump.header, NETLINK_ROUTE, count_rule, &rules), 0) << log();
+
+    // Several datagrams' worth of rules, each counted once.
+    const std::string listed = sh("ip -4 rule show");
+    const int expected = static_cast<int>(std::count(listed.begin(), listed.end(), '\n'));
+    EXPECT_EQ(expected, 153);
+    EXPECT_EQ(rules, expected) << listed;
 }
