@@ -220,7 +220,8 @@ ssize_t recvfrom(int fd, void *buffer, size_t length, int flags, sockaddr *from,
     const bytes &reply = rec->plan.replies[rec->next_reply++];
     // A datagram larger than the buffer is cut, as the kernel does without MSG_TRUNC.
     const size_t n = std::min(length, reply.size());
-    std::memcpy(buffer, reply.data(), n);
+    if (n != 0)
+        std::memcpy(buffer, reply.data(), n);
     return static_cast<ssize_t>(n);
 }
 
