@@ -133,7 +133,7 @@ std::string msg(const char *level, const char *function, const std::string &text
 void expect_acks(const std::vector<int32_t> &codes)
 {
     for (int32_t code : codes)
-        fk::expect_socket().replies = {fk::ack(code)};
+        fk::expect_socket().reply(fk::ack(code));
 }
 
 const fk::bytes kDumpRequest = as_bytes(nlmsghdr{16, XFRM_MSG_GETSA, NLM_F_REQUEST | NLM_F_DUMP, 0, 0});
@@ -176,7 +176,7 @@ TEST_F(XfrmRemove, WhichDumpedEntriesAreDeleted)
         SCOPED_TRACE(c.first_log + std::string(" ") + std::to_string(ntohl(c.entry.id.spi)));
         fk::reset();
         logcap::start();
-        fk::expect_socket().replies = {fk::datagram({{c.type, NLM_F_MULTI, as_bytes(c.entry), c.len}}), fk::done()};
+        fk::expect_socket().reply(fk::datagram({{c.type, NLM_F_MULTI, as_bytes(c.entry), c.len}})).reply(fk::done());
         if (c.deleted)
             expect_acks({0});
         EXPECT_EQ(tavrel_xfrm_remove_states(&c.pair), 0);
@@ -195,9 +195,9 @@ TEST_F(XfrmRemove, WhichDumpedEntriesAreDeleted)
 TEST_F(XfrmRemove, PairAcrossDatagramsGoesOnAfterARefusedDeletion)
 {
     const char *cb = "tavrel_xfrm_remove_state_cb";
-    fk::expect_socket().replies = {fk::datagram({{XFRM_MSG_NEWSA, NLM_F_MULTI, as_bytes(sa(L, R, 0x1000))}}),
-                                   fk::datagram({{XFRM_MSG_NEWSA, NLM_F_MULTI, as_bytes(sa(R, L, 0x2000))}}) +
-                                       fk::done()};
+    fk::expect_socket()
+        .reply(fk::datagram({{XFRM_MSG_NEWSA, NLM_F_MULTI, as_bytes(sa(L, R, 0x1000))}}))
+        .reply(fk::datagram({{XFRM_MSG_NEWSA, NLM_F_MULTI, as_bytes(sa(R, L, 0x2000))}}) + fk::done());
     expect_acks({-ESRCH, 0});
     EXPECT_EQ(tavrel_xfrm_remove_states(&kPair), 0);
     EXPECT_EQ(fk::sockets().size(), 3u);
@@ -213,7 +213,7 @@ TEST_F(XfrmRemove, PairAcrossDatagramsGoesOnAfterARefusedDeletion)
 
 TEST_F(XfrmRemove, FailedDumpFails)
 {
-    fk::expect_socket().replies = {fk::done(-EPERM)};
+    fk::expect_socket().reply(fk::done(-EPERM));
     EXPECT_EQ(tavrel_xfrm_remove_states(&kPair), -1);
     EXPECT_EQ(xfrm_lines(), lines{msg("ERR", "tavrel_xfrm_remove_states", "removing XFRM states failed")});
 }
