@@ -50,21 +50,6 @@ TEST_F(XfrmPolicyKernel, TunnelPoliciesAddedReadBackAndRemoved)
     EXPECT_EQ(tavrel_xfrm_remove_policies(kSrc, kDst, "6", 1), -1);
 }
 
-TEST_F(XfrmPolicyKernel, RefusedInputPolicyStopsAddingButNotRemoving)
-{
-    SH_OK("ip xfrm policy add src 10.1.0.0/16 dst 10.2.0.0/16 proto tcp dir in priority 100");
-    EXPECT_EQ(tavrel_xfrm_add_policies(&kPair, kSrc, kDst, "6", 0), -1);
-    EXPECT_TRUE(has(log(), "tavrel_xfrm_add_policies(): Setting incoming XFRM policy failed\n")) << log();
-    EXPECT_FALSE(has(sh("ip xfrm policy"), "dir fwd")) << sh("ip xfrm policy");
-
-    SH_OK("ip xfrm policy delete src 10.1.0.0/16 dst 10.2.0.0/16 proto tcp dir in");
-    SH_OK("ip xfrm policy add src 10.1.0.0/16 dst 10.2.0.0/16 proto tcp dir fwd priority 100");
-    kernel_log::text().clear();
-    EXPECT_EQ(tavrel_xfrm_remove_policies(kSrc, kDst, "6", 0), 0);
-    EXPECT_TRUE(has(log(), "tavrel_xfrm_remove_policies(): removing incoming XFRM policy failed\n")) << log();
-    EXPECT_EQ(sh("ip xfrm policy"), "");
-}
-
 TEST_F(XfrmPolicyKernel, LinkLocalIcmpv6Bypass)
 {
     ASSERT_EQ(tavrel_xfrm_add_policy_ex(XFRM_POLICY_OUT), 0) << log();
