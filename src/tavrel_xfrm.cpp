@@ -221,7 +221,6 @@ extern "C" int tavrel_xfrm_remove_states(const tavrel_xfrm_sa_addrs *addrs)
     return result;
 }
 
-
 /* ---- selectors and policies ------------------------------------------------- */
 
 static_assert(sizeof(struct xfrm_selector) == 56, "xfrm_selector layout");
