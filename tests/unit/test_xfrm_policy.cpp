@@ -201,7 +201,7 @@ TEST_F(XfrmRemove, PairAcrossDatagramsGoesOnAfterARefusedDeletion)
     expect_acks({-ESRCH, 0});
     EXPECT_EQ(tavrel_xfrm_remove_states(&kPair), 0);
     EXPECT_EQ(fk::sockets().size(), 3u);
-    // Texts come from the block, the SPI from the kernel in host order.
+    // The kernel's SPI is logged in host order, as the block holds it.
     EXPECT_EQ(xfrm_lines(), (lines{msg("HIGH", cb, "removing TX XFRM state"), msg("MED", cb, "..src 192.0.2.1"),
                                    msg("MED", cb, "..dst 198.51.100.2"), msg("MED", cb, "..proto 50"),
                                    msg("MED", cb, "..spi 0x1000"), msg("ERR", cb, "deleting XFRM state failed"),
