@@ -2,8 +2,7 @@
 
 #include <dlfcn.h>
 
-#include <cstdint>
-#include <cstring>
+#include "tavrel_internal.h"
 
 // malloc runs before the sanitizers are set up (their own start calls it),
 // so none of the code on its path may be instrumented.
@@ -33,19 +32,14 @@ TAVREL_NO_SANITIZE bool resolve(F &fn, const char *name)
 }
 
 bool armed;
-bool in_hook;
+bool calibrating;
+// Return address of the library's malloc call for a list node.
+const void *node_site;
 size_t fail_at;
 size_t allocation_count;
 constexpr size_t kMaxBlocks = 256;
 void *blocks[kMaxBlocks];
 size_t block_count;
-
-TAVREL_NO_SANITIZE bool called_from_library(const void *return_address)
-{
-    Dl_info info;
-    return dladdr(return_address, &info) != 0 && info.dli_fname != nullptr &&
-           strstr(info.dli_fname, "libnltavrel.so") != nullptr;
-}
 
 constexpr size_t kMaxScript = 32;
 int script[kMaxScript];
@@ -62,19 +56,16 @@ extern "C" TAVREL_NO_SANITIZE void *malloc(size_t size)
         bootstrap_used = at + size;
         return bootstrap + at;
     }
-    if (!armed || in_hook)
+    const void *caller = __builtin_return_address(0);
+    if (calibrating)
+        node_site = caller;
+    if (!armed || caller != node_site)
         return real_malloc(size);
-    in_hook = true;
-    const bool from_library = called_from_library(__builtin_return_address(0));
-    void *block = nullptr;
-    if (!from_library) {
-        block = real_malloc(size);
-    } else if (++allocation_count != fail_at) {
-        block = real_malloc(size);
-        if (block != nullptr && block_count < kMaxBlocks)
-            blocks[block_count++] = block;
-    }
-    in_hook = false;
+    if (++allocation_count == fail_at)
+        return nullptr;
+    void *block = real_malloc(size);
+    if (block != nullptr && block_count < kMaxBlocks)
+        blocks[block_count++] = block;
     return block;
 }
 
@@ -105,10 +96,19 @@ extern "C" TAVREL_NO_SANITIZE int rand(void)
     return real_rand();
 }
 
-namespace libheap {
+namespace node_heap {
 
 void start(size_t fail)
 {
+    if (node_site == nullptr) {
+        // One insert into a list of our own makes exactly one allocation:
+        // the library's node call site.
+        tavrel_addrlabel_node head{&head, &head, 0};
+        calibrating = true;
+        tavrel_addrlabel_list_insert(&head, 1);
+        calibrating = false;
+        free(head.next);
+    }
     fail_at = fail;
     allocation_count = 0;
     block_count = 0;
@@ -128,7 +128,7 @@ std::vector<void *> stop()
 
 size_t allocations() { return allocation_count; }
 
-}  // namespace libheap
+}  // namespace node_heap
 
 namespace scripted_rand {
 

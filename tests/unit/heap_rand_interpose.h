@@ -1,23 +1,23 @@
-// Interposed malloc/free and rand() for the unit tests. Both pass straight
-// through to the C library until a test arms them, so other tests in the
-// executable see no difference.
+// Interposed malloc/free and rand() for the address-label unit tests. Both
+// pass straight through to the C library until a test arms them, so other
+// tests in the executable see no difference.
 #pragma once
 
 #include <cstddef>
 #include <vector>
 
-namespace libheap {
+namespace node_heap {
 
-// Starts recording the blocks that libnltavrel allocates with malloc; free
-// of a recorded block, by anyone, forgets it. fail_at > 0 makes the
-// library's fail_at-th allocation from now on return NULL.
+// Starts recording the label-list nodes the library allocates (the blocks
+// of its one malloc call site); free of a recorded block, by anyone, forgets
+// it. fail_at > 0 makes the fail_at-th node allocation from now on fail.
 void start(size_t fail_at = 0);
-// Stops recording. Returns the library's blocks still allocated, oldest first.
+// Stops recording. Returns the nodes still allocated, oldest first.
 std::vector<void *> stop();
-// Library allocations (failed ones included) since start().
+// Node allocations (failed ones included) since start().
 size_t allocations();
 
-}  // namespace libheap
+}  // namespace node_heap
 
 namespace scripted_rand {
 

@@ -94,6 +94,14 @@ TEST_F(AddrlabelTest, AddAndDeleteSendTheEntryAndWaitForTheAck)
         EXPECT_EQ(fk::sockets()[0].sent[0], modify_request(c.add ? RTM_NEWADDRLABEL : RTM_DELADDRLABEL, a,
                                                            c.sent_prefixlen, c.label, c.index));
     }
+    // Any type but an addition goes out with the delete flags.
+    fk::reset();
+    expect_acks(1);
+    const tavrel_ip_addr a = ip("2001:db8::");
+    EXPECT_EQ(tavrel_addrlabel_modify(99, &a, 64, 5, 1), 0);
+    fk::bytes expected = modify_request(RTM_DELADDRLABEL, a, 64, 5, 1);
+    expected[4] = 99;
+    EXPECT_EQ(fk::sockets().at(0).sent.at(0), expected);
 }
 
 TEST_F(AddrlabelTest, ModifyFailures)
@@ -137,10 +145,10 @@ int generate_with(const std::vector<uint32_t> &labels, uint32_t *out, size_t *al
     if (!entries.empty())
         plan.replies.push_back(fk::datagram(entries));
     plan.replies.push_back(fk::done());
-    libheap::start();
+    node_heap::start();
     const int result = tavrel_addrlabel_generate(6, 0, out);
-    EXPECT_TRUE(libheap::stop().empty()) << "label list not freed";
-    *allocations = libheap::allocations();
+    EXPECT_TRUE(node_heap::stop().empty()) << "label list not freed";
+    *allocations = node_heap::allocations();
     return result;
 }
 
@@ -214,10 +222,10 @@ TEST_F(AddrlabelTest, GenerateSkipsBadEntriesAndSurvivesAFailedAllocation)
                       short_label, long_label, entry("2001:db8::", 64, 1, 30), entry("2001:db8::", 64, 2, 40)}),
         fk::done()};
 
-    libheap::start(1);  // the node for label 30 cannot be allocated
+    node_heap::start(1);  // the node for label 30 cannot be allocated
     uint32_t label = 0;
     EXPECT_EQ(tavrel_addrlabel_generate(6, 0, &label), 0);
-    EXPECT_TRUE(libheap::stop().empty());
+    EXPECT_TRUE(node_heap::stop().empty());
     EXPECT_EQ(label, 39u);  // 30 was lost, so 40 has a gap beneath it
     EXPECT_EQ(own(logcap::diag_lines()),
               (lines{
@@ -236,10 +244,10 @@ TEST_F(AddrlabelTest, FailedDumpLeavesTheGatheredNodesAllocated)
 {
     fk::expect_socket().replies = {fk::datagram({entry("2001:db8::", 64, 1, 40), entry("2001:db8::", 64, 2, 21)}),
                                    fk::ack(-EPERM)};
-    libheap::start();
+    node_heap::start();
     uint32_t label = 77;
     EXPECT_EQ(tavrel_addrlabel_generate(6, 0, &label), -1);
-    const std::vector<void *> left = libheap::stop();
+    const std::vector<void *> left = node_heap::stop();
     EXPECT_EQ(label, 77u);
     EXPECT_EQ(logcap::sinks_of("tavrel_addrlabel_generate(): gathering list of current labels failed\n"),
               unsigned(logcap::ALL_SINKS));
