@@ -13,6 +13,7 @@
 
 #include "libnltavrel.h"
 #include "tavrel_platform.h"
+#include "tavrel_wire_asserts.h"
 
 /* ---- arithmetic checks ---------------------------------------------------
  * Length and offset arithmetic on request and answer buffers must never wrap:
