@@ -1,11 +1,15 @@
 #!/bin/bash
 # Installs the Debian packages a group of tasks needs, only when something is
-# missing. usage: install-deps.sh GROUP...   (groups: build test)
+# missing. usage: install-deps.sh GROUP...   (groups: build test armhf)
+# Packages named PACKAGE:ARCH come from a foreign dpkg architecture, which is
+# enabled first.
 set -euo pipefail
 
 declare -A group_packages=(
   [build]="cmake make g++ clang libgtest-dev libgmock-dev android-liblog-dev iproute2 util-linux binutils"
-  [test]="cmake make g++ clang libgtest-dev libgmock-dev android-liblog-dev iproute2 util-linux binutils"
+  [test]="cmake make g++ clang libgtest-dev libgmock-dev android-liblog-dev iproute2 util-linux binutils pkgconf"
+  # Cross build and user-mode emulation; GoogleTest is built from googletest's sources.
+  [armhf]="cmake make g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf googletest qemu-user android-liblog-dev:armhf pkgconf"
 )
 
 wanted=()
@@ -27,5 +31,17 @@ if [[ $(id -u) -ne 0 ]]; then
 fi
 echo "install-deps: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-apt-get update -qq
-apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+for p in "${missing[@]}"; do
+  [[ $p == *:* ]] || continue
+  arch=${p##*:}
+  if [[ $arch != "$(dpkg --print-architecture)" ]] && ! dpkg --print-foreign-architectures | grep -qx "$arch"; then
+    echo "install-deps: enabling the $arch architecture"
+    dpkg --add-architecture "$arch"
+  fi
+done
+# Other users of the machine may hold apt's lock for a while.
+apt_opts=(-o DPkg::Lock::Timeout=600)
+# A mirror in mid-sync can fail one index; the install below still says
+# clearly if a package cannot be had.
+apt-get "${apt_opts[@]}" update -qq || echo "install-deps: apt-get update reported errors; trying the install anyway" >&2
+apt-get "${apt_opts[@]}" install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -4,11 +4,14 @@
 #
 #   host builds: g++ (RelWithDebInfo), clang++, and g++ with ASan + UBSan;
 #   each runs the unit tests and the symbol checks; the g++ and sanitizer
-#   builds also run the kernel tier in private network namespaces.
+#   builds also run the kernel tier in private network namespaces, the g++
+#   build the install check.
+#   armhf cross build (arm-linux-gnueabihf-g++): the unit tests under
+#   qemu-arm, the symbol checks and the install check.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
-"$root/scripts/install-deps.sh" test
+"$root/scripts/install-deps.sh" test armhf
 
 jobs=$(nproc)
 failed=()
@@ -35,6 +38,9 @@ run_ctest "clang++: unit and symbols" build-clang -L unit
 
 configure_build build-asan -DCMAKE_BUILD_TYPE=Debug -DTAVREL_SANITIZE=ON
 run_ctest "g++ ASan+UBSan: unit and kernel tier" build-asan
+
+configure_build build-armhf -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake"
+run_ctest "armhf: unit under qemu-arm, symbols and install" build-armhf
 
 if [[ ${#failed[@]} -gt 0 ]]; then
   echo "FAILED: ${failed[*]}"
