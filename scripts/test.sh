@@ -41,6 +41,8 @@ run_ctest "g++ ASan+UBSan: unit and kernel tier" build-asan
 
 configure_build build-armhf -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake"
 run_ctest "armhf: unit under qemu-arm, symbols and install" build-armhf
+arm-linux-gnueabihf-strip --strip-all -o build-armhf/libnltavrel.stripped.so build-armhf/libnltavrel.so
+echo "armhf libnltavrel.so, stripped: $(stat -c %s build-armhf/libnltavrel.stripped.so) bytes"
 
 if [[ ${#failed[@]} -gt 0 ]]; then
   echo "FAILED: ${failed[*]}"
