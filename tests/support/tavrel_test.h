@@ -44,3 +44,35 @@ inline std::string fd_text(int fd)
     snprintf(buf, sizeof buf, "%p", reinterpret_cast<void *>(static_cast<intptr_t>(fd)));
     return buf;
 }
+
+// One library call against a single scripted socket. Checks that the socket
+// was opened and closed with their log lines (closer names the function that
+// logs the close), that the sinks agree and that nothing is left open; gives
+// the result, the log lines in between and the socket's record.
+struct socket_run {
+    int result = 0;
+    lines middle;
+    fk::socket_record sock;
+};
+
+template <typename Call>
+socket_run run_on_socket(const fk::socket_plan &plan, const std::string &closer, Call call)
+{
+    fk::reset();
+    logcap::start();
+    fk::expect_socket() = plan;
+    socket_run r;
+    r.result = call();
+    r.sock = fk::sockets().at(0);
+    const lines all = logcap::diag_lines();
+    const std::string fd = fd_text(r.sock.fd);
+    EXPECT_GE(all.size(), 2u);
+    if (all.size() >= 2) {
+        EXPECT_EQ(all.front(), "LOW tavrel_netlink_open(): opened file descriptor " + fd + "\n");
+        EXPECT_EQ(all.back(), "LOW " + closer + "(): closing file descriptor " + fd + "\n");
+        r.middle.assign(all.begin() + 1, all.end() - 1);
+    }
+    logcap::expect_sinks_agree();
+    EXPECT_EQ(fk::open_descriptors(), 0);
+    return r;
+}
