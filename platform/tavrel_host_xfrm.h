@@ -16,10 +16,15 @@
 #include <stdint.h>
 
 #include "libnltavrel.h"
+#include "tavrel_host.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* The daemon's configuration record; its output_mark_enabled switch decides
+ * the output mark of TX SAs. */
+extern struct tavrel_main_cfg_record tavrel_main_cfg;
 
 /* An inline hash-key slot header: the modem sets valid when the slot holds
  * the key; length counts key bytes. */
