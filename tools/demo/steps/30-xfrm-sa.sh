@@ -1,6 +1,7 @@
 # IPsec security associations from the example files of tools/examples. A
 # kernel without ESP refuses every SA (error -93, EPROTONOSUPPORT); with ESP
 # the SAs are installed and listed.
+# shellcheck disable=SC2154  # here: set by demo.sh
 examples="$here/../examples"
 zero_key=0x$(printf '%064d' 0)
 if ip xfrm state add src 192.0.2.1 dst 192.0.2.2 proto esp spi 1 mode tunnel \
