@@ -696,7 +696,6 @@ extern "C" int tavrel_xfrm_add_state_from_addr_set(const tavrel_xfrm_addr_set *s
     return send_sa(&request, __func__);
 }
 
-
 /* ---- removing security associations ---------------------------------------- */
 
 /* ---- selectors and policies ------------------------------------------------- */
