@@ -98,7 +98,7 @@ enum value_kind {
 
 constexpr long kNone = -1;
 
-struct key_spec {
+struct key_def {
     const char *name;
     value_kind kind;
     bool override_round;
@@ -114,7 +114,7 @@ struct key_spec {
 #define CFG_LONG(field) static_cast<long>(CFG_AT(field))
 #define SET_LONG(field) static_cast<long>(SET_AT(field))
 
-const key_spec kSaCfgKeys[] = {
+const key_def kSaCfgKeys[] = {
     {"local", MODEM_ADDR, false, CFG_AT(local_addr), kNone, 0, CFG_LONG(local_addr_valid), CFG_LONG(local_addr_present)},
     {"dest", MODEM_ADDR, false, CFG_AT(dest_addr), kNone, 0, CFG_LONG(dest_addr_valid), CFG_LONG(dest_addr_present)},
     {"spi_tx", U32, false, CFG_AT(spi_tx), kNone, 0, CFG_LONG(spi_tx_valid), kNone},
@@ -175,7 +175,7 @@ const key_spec kSaCfgKeys[] = {
     {"udp_encap_port_valid", U8, true, CFG_AT(udp_encap_src_port_valid), kNone, 0, kNone, kNone},
 };
 
-const key_spec kAddrSetKeys[] = {
+const key_def kAddrSetKeys[] = {
     {"local", DAEMON_ADDR, false, SET_AT(local_addr), kNone, 0, kNone, kNone},
     {"remote", DAEMON_ADDR, false, SET_AT(remote_addr), kNone, 0, kNone, kNone},
     {"spi_tx", U32, false, SET_AT(spi_tx), kNone, 0, kNone, kNone},
@@ -287,7 +287,7 @@ int hex_digit(char c)
     return -1;
 }
 
-int store_key(parse_state *st, const key_spec &k, const char *value, uint8_t *record)
+int store_key(parse_state *st, const key_def &k, const char *value, uint8_t *record)
 {
     if (value[0] == '0' && (value[1] == 'x' || value[1] == 'X'))
         value += 2;
@@ -308,7 +308,7 @@ int store_key(parse_state *st, const key_spec &k, const char *value, uint8_t *re
     return 0;
 }
 
-int store_addr(parse_state *st, const key_spec &k, const char *value, uint8_t *record)
+int store_addr(parse_state *st, const key_def &k, const char *value, uint8_t *record)
 {
     tavrel_ip_addr addr;
     memset(&addr, 0, sizeof addr);
@@ -333,7 +333,7 @@ int store_addr(parse_state *st, const key_spec &k, const char *value, uint8_t *r
     return 0;
 }
 
-int store_value(parse_state *st, const key_spec &k, const char *value, uint8_t *record)
+int store_value(parse_state *st, const key_def &k, const char *value, uint8_t *record)
 {
     long long v = 0;
     switch (k.kind) {
@@ -414,7 +414,7 @@ char *trim(char *begin, char *end)
 
 /* Parses text into record with one table of keys; round 0 stores values,
  * round 1 the overrides. */
-int parse_text(const char *text, const key_spec *keys, size_t key_count, uint8_t *record, char *error,
+int parse_text(const char *text, const key_def *keys, size_t key_count, uint8_t *record, char *error,
                size_t error_size)
 {
     parse_state st{error, error_size, 0};
@@ -447,7 +447,7 @@ int parse_text(const char *text, const key_spec *keys, size_t key_count, uint8_t
                 index++;
             if (index == key_count)
                 return fail(&st, "unknown key: %s", name);
-            const key_spec &k = keys[index];
+            const key_def &k = keys[index];
             if (k.override_round != (round == 1))
                 continue;
             if (seen[index])
