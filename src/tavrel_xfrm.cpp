@@ -90,6 +90,612 @@ void tavrel_xfrm_set_addr_from_recovery(xfrm_address_t *addr, const tavrel_ip_ad
 
 /* ---- adding security associations ------------------------------------------ */
 
+#include <linux/udp.h>
+
+namespace {
+
+/* One XFRM_MSG_NEWSA request as it goes to the kernel. */
+struct xfrm_sa_request {
+    struct nlmsghdr header;
+    struct xfrm_usersa_info info;
+    uint8_t attributes[2048];
+};
+
+static_assert(sizeof(struct xfrm_usersa_info) == 224, "xfrm_usersa_info layout");
+static_assert(offsetof(xfrm_sa_request, info) == 16, "SA request layout");
+static_assert(offsetof(xfrm_sa_request, attributes) == 240, "SA request layout");
+static_assert(sizeof(xfrm_sa_request) == 240 + 2048, "SA request layout");
+static_assert(sizeof(struct xfrm_algo) == 68, "xfrm_algo layout");
+static_assert(offsetof(struct xfrm_algo, alg_key_len) == 64, "xfrm_algo layout");
+static_assert(sizeof(struct xfrm_algo_auth) == 72, "xfrm_algo_auth layout");
+static_assert(offsetof(struct xfrm_algo_auth, alg_key_len) == 64, "xfrm_algo_auth layout");
+static_assert(offsetof(struct xfrm_algo_auth, alg_trunc_len) == 68, "xfrm_algo_auth layout");
+static_assert(sizeof(struct xfrm_encap_tmpl) == 24, "xfrm_encap_tmpl layout");
+static_assert(offsetof(struct xfrm_encap_tmpl, encap_oa) == 8, "xfrm_encap_tmpl layout");
+static_assert(sizeof(((struct xfrm_algo *)nullptr)->alg_name) == 64, "algorithm name room");
+
+/* Algorithm payloads are built in an area of this size; the key goes behind
+ * the algorithm header. */
+constexpr uint32_t kAlgAreaSize = 512;
+constexpr uint32_t kCryptHeaderLen = sizeof(struct xfrm_algo);
+constexpr uint32_t kAuthHeaderLen = sizeof(struct xfrm_algo_auth);
+constexpr uint32_t kCryptKeyRoom = kAlgAreaSize - kCryptHeaderLen; /* 444 */
+constexpr uint32_t kAuthKeyRoom = kAlgAreaSize - kAuthHeaderLen;   /* 440 */
+static_assert(kCryptKeyRoom == 444 && kAuthKeyRoom == 440, "algorithm key room");
+
+/* Algorithm area followed by a zeroed tail as long as the request's whole
+ * attribute room. The daemon's address set may declare a key longer than the
+ * key room: the copy is cut to the room, but the attribute still carries the
+ * declared length, so the bytes past the cut key go out as zeros instead of
+ * whatever lies next on the stack. */
+struct alg_scratch {
+    uint8_t bytes[sizeof(((xfrm_sa_request *)nullptr)->attributes)];
+};
+static_assert(sizeof(alg_scratch) >= kAlgAreaSize, "algorithm area");
+
+constexpr uint16_t kNattPort = 4500;
+
+/* The output mark routes the SA's packets by link technology; the codes and
+ * the marks belong to the daemon's routing set-up. */
+constexpr int32_t kLinkTechTxMarkLow = -32735;
+constexpr int32_t kLinkTechMarked = -32640;
+constexpr uint32_t kMarkTxLinkTechLow = 0x20000;
+constexpr uint32_t kMarkTxOther = 0x20001;
+constexpr uint32_t kMarkLinkTech = 0x20002;
+
+/* The modem's protocol codes. */
+constexpr int kSaProtocolAh = 2;
+constexpr int kSaProtocolEsp = 3;
+/* The modem's encapsulation modes. */
+constexpr int kEncapModeTunnel = 1;
+constexpr int kEncapModeTransport = 2;
+/* The modem's AES modes. */
+constexpr int kAesModeCbc = 1;
+constexpr int kAesModeCtr = 2;
+
+struct crypto_alg {
+    int code;
+    const char *name;
+};
+
+/* AES (codes 12 and 19) also depends on the AES mode and is decided apart. */
+constexpr crypto_alg kCryptoAlgs[] = {
+    {9, "cbc(des)"},
+    {10, "cbc(des3_ede)"},
+};
+constexpr int kCryptoAes = 12;
+constexpr int kCryptoAesAlt = 19;
+
+struct auth_alg {
+    int code;
+    const char *name;
+    uint32_t trunc_bits;
+};
+
+constexpr auth_alg kAuthAlgs[] = {
+    {5, "hmac(sha1)", 96},     {6, "hmac(sha256)", 128}, {7, "hmac(md5)", 96},
+    {12, "xcbc(aes)", 96},     {20, "hmac(sha384)", 192}, {21, "hmac(sha512)", 256},
+};
+
+/* The accessors take the record and the two values the daemon passed. */
+struct sa_cfg_ref {
+    const tavrel_xfrm_sa_cfg *cfg;
+    uint32_t arg2;
+    uint32_t arg3;
+};
+
+#define TAVREL_CFG(ref) (ref).cfg, (ref).arg2, (ref).arg3
+
+const char *sa_direction_text(int is_tx)
+{
+    return is_tx ? "TX" : "RX";
+}
+
+void prepare_newsa(xfrm_sa_request *request)
+{
+    memset(request, 0, sizeof *request);
+    request->header.nlmsg_len = NLMSG_LENGTH(sizeof request->info);
+    request->header.nlmsg_type = XFRM_MSG_NEWSA;
+    request->header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+    request->info.lft.soft_byte_limit = XFRM_INF;
+    request->info.lft.hard_byte_limit = XFRM_INF;
+    request->info.lft.soft_packet_limit = XFRM_INF;
+    request->info.lft.hard_packet_limit = XFRM_INF;
+}
+
+/* Key lengths come from the daemon's records: an attribute that would run
+ * past the request stops the process, before its key is even logged. */
+void require_room(const xfrm_sa_request *request, uint32_t payload_len)
+{
+    const uint32_t start = tavrel_ck_align4<uint32_t>(request->header.nlmsg_len);
+    const uint32_t attr_len = tavrel_ck_align4<uint32_t>(tavrel_ck_add<uint32_t>(payload_len, NLA_HDRLEN));
+    if (tavrel_ck_add<uint32_t>(start, attr_len) > sizeof *request)
+        tavrel_check_failed();
+}
+
+void put_sa_attr(xfrm_sa_request *request, uint16_t type, uint32_t payload_len, const void *payload)
+{
+    require_room(request, payload_len);
+    tavrel_nla_put(&request->header, type, static_cast<int>(payload_len), payload);
+}
+
+/* Kernel algorithm names are NUL-terminated within their 64 bytes. */
+void copy_alg_name(char (&alg_name)[64], const char *name)
+{
+    const size_t n = strnlen(name, sizeof alg_name - 1);
+    memcpy(alg_name, name, n);
+    alg_name[n] = '\0';
+}
+
+uint32_t output_mark_switch()
+{
+    uint32_t value;
+    memcpy(&value, reinterpret_cast<const uint8_t *>(&tavrel_main_cfg) + TAVREL_MAIN_CFG_OUTPUT_MARK_OFFSET,
+           sizeof value);
+    return value;
+}
+
+/* TX SAs are marked by link technology while the daemon has the switch on;
+ * otherwise only one technology is marked, in both directions. */
+bool choose_output_mark(int is_tx, int32_t link_tech, uint32_t *mark)
+{
+    if (is_tx && output_mark_switch() == 1) {
+        *mark = link_tech == kLinkTechTxMarkLow ? kMarkTxLinkTechLow : kMarkTxOther;
+        return true;
+    }
+    if (link_tech == kLinkTechMarked) {
+        *mark = kMarkLinkTech;
+        return true;
+    }
+    return false;
+}
+
+void put_output_mark(xfrm_sa_request *request, int is_tx, int32_t link_tech, const char *function)
+{
+    uint32_t mark;
+    if (!choose_output_mark(is_tx, link_tech, &mark))
+        return;
+    TAVREL_LOG(MED, "%s():\t..output_mark = 0x%x\n", function, mark);
+    put_sa_attr(request, XFRMA_SET_MARK, sizeof mark, &mark);
+}
+
+uint8_t slot_flag(const tavrel_xfrm_sa_cfg *cfg, size_t slot)
+{
+    return reinterpret_cast<const uint8_t *>(cfg)[slot];
+}
+
+uint32_t slot_length(const tavrel_xfrm_sa_cfg *cfg, size_t slot)
+{
+    uint32_t length;
+    memcpy(&length, reinterpret_cast<const uint8_t *>(cfg) + slot + TAVREL_SA_CFG_SLOT_LEN_OFFSET, sizeof length);
+    return length;
+}
+
+const uint8_t *slot_key(const tavrel_xfrm_sa_cfg *cfg, size_t slot)
+{
+    return reinterpret_cast<const uint8_t *>(cfg) + slot + TAVREL_SA_CFG_SLOT_KEY_OFFSET;
+}
+
+int tavrel_xfrm_set_id_from_config(xfrm_usersa_info *info, const sa_cfg_ref &c, int is_tx)
+{
+    const int dest_valid = tavrel_xfrm_utils_get_dest_addr_valid(TAVREL_CFG(c));
+    const int local_valid = tavrel_xfrm_utils_get_local_addr_valid(TAVREL_CFG(c));
+    const int protocol = tavrel_xfrm_utils_get_ipsec_sa_protocol(TAVREL_CFG(c));
+    if (!dest_valid || !local_valid || protocol == 0) {
+        TAVREL_LOG(ERR, "%s(): IPSEC addresses or protocol is marked as invalid\n", __func__);
+        return -1;
+    }
+    const int spi_valid = is_tx ? tavrel_xfrm_utils_get_spi_tx_valid(TAVREL_CFG(c))
+                                : tavrel_xfrm_utils_get_spi_rx_valid(TAVREL_CFG(c));
+    if (!spi_valid) {
+        TAVREL_LOG(ERR, "%s(): %s SPI value is marked as invalid\n", __func__, sa_direction_text(is_tx));
+        return -1;
+    }
+
+    const char *protocol_text;
+    if (protocol == kSaProtocolAh) {
+        info->id.proto = IPPROTO_AH;
+        protocol_text = "ah";
+    } else if (protocol == kSaProtocolEsp) {
+        info->id.proto = IPPROTO_ESP;
+        protocol_text = "esp";
+    } else {
+        TAVREL_LOG(ERR, "%s(): Invalid IPSEC protocol %d\n", __func__, protocol);
+        return -1;
+    }
+    TAVREL_LOG(MED, "%s():\t..id.proto = %s\n", __func__, protocol_text);
+
+    const tavrel_modem_ip_addr *local = tavrel_xfrm_utils_get_local_addr(TAVREL_CFG(c));
+    const tavrel_modem_ip_addr *dest = tavrel_xfrm_utils_get_dest_addr(TAVREL_CFG(c));
+    if (local == nullptr || dest == nullptr) {
+        TAVREL_LOG(ERR, "%s(): Retrieving local/dest addresses failed\n", __func__);
+        return -1;
+    }
+    char local_text[64] = {0};
+    char dest_text[64] = {0};
+    tavrel_util_convert_bxo_ip_addr_to_str(local, local_text, sizeof local_text);
+    tavrel_util_convert_bxo_ip_addr_to_str(dest, dest_text, sizeof dest_text);
+
+    /* An incoming SA runs from the peer to the device. */
+    const tavrel_modem_ip_addr *source = is_tx ? local : dest;
+    const tavrel_modem_ip_addr *destination = is_tx ? dest : local;
+    TAVREL_LOG(MED, "%s():\t..saddr = %s\n", __func__, is_tx ? local_text : dest_text);
+    TAVREL_LOG(MED, "%s():\t..id.daddr = %s\n", __func__, is_tx ? dest_text : local_text);
+    tavrel_xfrm_set_addr_from_config(&info->saddr, source);
+    tavrel_xfrm_set_addr_from_config(&info->id.daddr, destination);
+
+    const uint32_t spi =
+        is_tx ? tavrel_xfrm_utils_get_spi_tx(TAVREL_CFG(c)) : tavrel_xfrm_utils_get_spi_rx(TAVREL_CFG(c));
+    TAVREL_LOG(MED, "%s():\t..id.spi = 0x%x\n", __func__, spi);
+    info->id.spi = htonl(spi);
+    return 0;
+}
+
+int tavrel_xfrm_set_mode(xfrm_usersa_info *info, const sa_cfg_ref &c)
+{
+    if (!tavrel_xfrm_utils_get_encapsulation_mode_valid(TAVREL_CFG(c))) {
+        TAVREL_LOG(ERR, "%s(): encapsulation mode marked as invalid\n", __func__);
+        return -1;
+    }
+    const int mode = tavrel_xfrm_utils_get_encapsulation_mode(TAVREL_CFG(c));
+    if (mode == kEncapModeTunnel) {
+        info->mode = XFRM_MODE_TUNNEL;
+    } else if (mode == kEncapModeTransport) {
+        info->mode = XFRM_MODE_TRANSPORT;
+    } else {
+        TAVREL_LOG(ERR, "%s(): invalid XFRM mode 0x%x\n", __func__, static_cast<unsigned>(mode));
+        return -1;
+    }
+    TAVREL_LOG(MED, "%s():\t..mode = %s\n", __func__, info->mode == XFRM_MODE_TUNNEL ? "tunnel" : "transport");
+    return 0;
+}
+
+/* The kernel name of the modem's cipher, or nullptr after logging why not. */
+const char *crypto_alg_name(const sa_cfg_ref &c, const char *function)
+{
+    const int code = tavrel_xfrm_utils_get_crypto_algo(TAVREL_CFG(c));
+    if (code == kCryptoAes || code == kCryptoAesAlt) {
+        if (!tavrel_xfrm_utils_get_aes_mode_valid(TAVREL_CFG(c)))
+            return "cbc(aes)";
+        const int aes_mode = tavrel_xfrm_utils_get_aes_mode(TAVREL_CFG(c));
+        if (aes_mode == kAesModeCbc)
+            return "cbc(aes)";
+        if (aes_mode == kAesModeCtr)
+            return "rfc3686(ctr(aes))";
+        TAVREL_LOG(ERR, "%s(): invalid AES mode %d\n", function, aes_mode);
+        return nullptr;
+    }
+    for (const auto &alg : kCryptoAlgs)
+        if (alg.code == code)
+            return alg.name;
+    TAVREL_LOG(ERR, "%s(): invalid crypto algo %d\n", function, code);
+    return nullptr;
+}
+
+int tavrel_xfrm_set_crypto_alg(xfrm_sa_request *request, const sa_cfg_ref &c, int is_tx)
+{
+    if (!tavrel_xfrm_utils_get_crypto_algo_valid(TAVREL_CFG(c))) {
+        TAVREL_LOG(ERR, "%s(): crypto algorithm marked as invalid\n", __func__);
+        return -1;
+    }
+    const int key_valid = is_tx ? tavrel_xfrm_utils_get_crypto_key_tx_valid(TAVREL_CFG(c))
+                                : tavrel_xfrm_utils_get_crypto_key_rx_valid(TAVREL_CFG(c));
+    if (!key_valid) {
+        TAVREL_LOG(ERR, "%s(): %s crypto key marked as invalid\n", __func__, sa_direction_text(is_tx));
+        return -1;
+    }
+    const char *name = crypto_alg_name(c, __func__);
+    if (name == nullptr)
+        return -1;
+
+    const uint8_t *key = is_tx ? tavrel_xfrm_utils_get_crypto_key_tx(TAVREL_CFG(c))
+                               : tavrel_xfrm_utils_get_crypto_key_rx(TAVREL_CFG(c));
+    const uint32_t key_len = is_tx ? tavrel_xfrm_utils_get_crypto_key_tx_len(TAVREL_CFG(c))
+                                   : tavrel_xfrm_utils_get_crypto_key_rx_len(TAVREL_CFG(c));
+    if (key == nullptr) {
+        TAVREL_LOG(ERR, "%s(): Retrieving %s key failed\n", __func__, sa_direction_text(is_tx));
+        return -1;
+    }
+
+    alg_scratch scratch;
+    memset(&scratch, 0, sizeof scratch);
+    struct xfrm_algo header;
+    memset(&header, 0, sizeof header);
+    copy_alg_name(header.alg_name, name);
+    header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
+    const uint32_t payload_len = tavrel_ck_add<uint32_t>(kCryptHeaderLen, key_len);
+    memcpy(scratch.bytes, &header, sizeof header);
+    tavrel_bounded_copy(scratch.bytes + kCryptHeaderLen, kCryptKeyRoom, key, key_len);
+
+    TAVREL_LOG(MED, "%s():\t..crypt.alg_name = %s\n", __func__, header.alg_name);
+    TAVREL_LOG(MED, "%s():\t..crypt.alg_key_len = %u\n", __func__, header.alg_key_len);
+    char key_text[150] = {0};
+    tavrel_util_convert_bxo_ipsec_key_to_str(scratch.bytes + kCryptHeaderLen, key_len, key_text, sizeof key_text);
+    TAVREL_LOG(MED, "%s():\t..crypt.alg_key = %s\n", __func__, key_text);
+
+    put_sa_attr(request, XFRMA_ALG_CRYPT, payload_len, scratch.bytes);
+    return 0;
+}
+
+int tavrel_xfrm_set_auth_alg(xfrm_sa_request *request, const sa_cfg_ref &c, int is_tx)
+{
+    if (!tavrel_xfrm_utils_get_hash_algo_valid(TAVREL_CFG(c))) {
+        TAVREL_LOG(ERR, "%s(): hash algo marked as invalid\n", __func__);
+        return -1;
+    }
+    /* The modem hands the key out through its accessors or leaves it in one
+     * of two inline slots of the record; either kind of slot counts. */
+    const size_t primary = is_tx ? TAVREL_SA_CFG_TX_PRIMARY_HASH_KEY : TAVREL_SA_CFG_RX_PRIMARY_HASH_KEY;
+    const size_t extended = is_tx ? TAVREL_SA_CFG_TX_EXTENDED_HASH_KEY : TAVREL_SA_CFG_RX_EXTENDED_HASH_KEY;
+    const bool key_valid = (is_tx ? tavrel_xfrm_utils_get_hash_key_tx_valid(TAVREL_CFG(c))
+                                  : tavrel_xfrm_utils_get_hash_key_rx_valid(TAVREL_CFG(c))) ||
+                           slot_flag(c.cfg, primary) || slot_flag(c.cfg, extended);
+    if (!key_valid) {
+        TAVREL_LOG(ERR, "%s(): %s hash key merked as invalid\n", __func__, sa_direction_text(is_tx));
+        return -1;
+    }
+
+    const int code = tavrel_xfrm_utils_get_hash_algo(TAVREL_CFG(c));
+    const auth_alg *alg = nullptr;
+    for (const auto &candidate : kAuthAlgs)
+        if (candidate.code == code)
+            alg = &candidate;
+    if (alg == nullptr) {
+        TAVREL_LOG(ERR, "%s(): invalid auth algo %d\n", __func__, code);
+        return -1;
+    }
+    alg_scratch scratch;
+    memset(&scratch, 0, sizeof scratch);
+    struct xfrm_algo_auth header;
+    memset(&header, 0, sizeof header);
+    copy_alg_name(header.alg_name, alg->name);
+
+    /* The extended slot is the newest place the modem keeps a key in. */
+    const uint8_t *key;
+    uint32_t key_len;
+    if (slot_flag(c.cfg, extended)) {
+        key = slot_key(c.cfg, extended);
+        key_len = slot_length(c.cfg, extended);
+    } else if (slot_flag(c.cfg, primary)) {
+        key = slot_key(c.cfg, primary);
+        key_len = slot_length(c.cfg, primary);
+    } else {
+        key = is_tx ? tavrel_xfrm_utils_get_hash_key_tx(TAVREL_CFG(c))
+                    : tavrel_xfrm_utils_get_hash_key_rx(TAVREL_CFG(c));
+        key_len = is_tx ? tavrel_xfrm_utils_get_hash_key_tx_len(TAVREL_CFG(c))
+                        : tavrel_xfrm_utils_get_hash_key_rx_len(TAVREL_CFG(c));
+        if (key == nullptr) {
+            TAVREL_LOG(ERR, "%s(): Retrieving %s key failed\n", __func__, sa_direction_text(is_tx));
+            return -1;
+        }
+    }
+
+    const uint32_t payload_len = tavrel_ck_add<uint32_t>(kAuthHeaderLen, key_len);
+    header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
+    header.alg_trunc_len = alg->trunc_bits;
+    memcpy(scratch.bytes, &header, sizeof header);
+    tavrel_bounded_copy(scratch.bytes + kAuthHeaderLen, kAuthKeyRoom, key, key_len);
+
+    TAVREL_LOG(MED, "%s():\t..auth.algo = %s\n", __func__, header.alg_name);
+    TAVREL_LOG(MED, "%s():\t..auth.trunc_len = %u\n", __func__, header.alg_trunc_len);
+    TAVREL_LOG(MED, "%s():\t..auth.key_len = %u\n", __func__, header.alg_key_len);
+    char key_text[150] = {0};
+    tavrel_util_convert_bxo_ipsec_key_to_str(scratch.bytes + kAuthHeaderLen, key_len, key_text, sizeof key_text);
+    TAVREL_LOG(MED, "%s():\t..auth.key = %s\n", __func__, key_text);
+
+    put_sa_attr(request, XFRMA_ALG_AUTH_TRUNC, payload_len, scratch.bytes);
+    return 0;
+}
+
+void put_encap(xfrm_sa_request *request, int is_tx, uint16_t device_port_be)
+{
+    struct xfrm_encap_tmpl encap;
+    memset(&encap, 0, sizeof encap);
+    encap.encap_type = UDP_ENCAP_ESPINUDP;
+    encap.encap_sport = is_tx ? device_port_be : htons(kNattPort);
+    encap.encap_dport = is_tx ? htons(kNattPort) : device_port_be;
+    put_sa_attr(request, XFRMA_ENCAP, sizeof encap, &encap);
+}
+
+void tavrel_xfrm_set_encap(xfrm_sa_request *request, const sa_cfg_ref &c, int is_tx)
+{
+    if (!(tavrel_xfrm_utils_get_udp_encap_src_port_valid(TAVREL_CFG(c)) &&
+          tavrel_xfrm_utils_get_is_udp_encaps_valid(TAVREL_CFG(c)) &&
+          tavrel_xfrm_utils_get_is_udp_encaps(TAVREL_CFG(c)))) {
+        TAVREL_LOG(HIGH, "%s(): not setting encapsulation params\n", __func__);
+        return;
+    }
+    const uint16_t port = tavrel_xfrm_utils_get_udp_encap_src_port(TAVREL_CFG(c));
+    const unsigned device_port = ntohs(port);
+    TAVREL_LOG(MED, "%s():\t..encap = %u -> %u\n", __func__, is_tx ? device_port : kNattPort,
+               is_tx ? kNattPort : device_port);
+    put_encap(request, is_tx, port);
+}
+
+void set_sa_flags(xfrm_usersa_info *info, int is_tx, const char *function)
+{
+    info->flags = is_tx ? XFRM_STATE_NOPMTUDISC | XFRM_STATE_AF_UNSPEC : XFRM_STATE_AF_UNSPEC;
+    TAVREL_LOG(MED, "%s():\t..sinfo.flags = 0x%x\n", function, static_cast<unsigned>(info->flags));
+}
+
+void log_sa_family(const xfrm_usersa_info *info, const char *function)
+{
+    TAVREL_LOG(MED, "%s():\t..sinfo.family = AF_INET%s\n", function, info->family == AF_INET ? "" : "6");
+}
+
+int send_sa(const xfrm_sa_request *request, const char *function)
+{
+    const int result = tavrel_netlink_transact(&request->header, NETLINK_XFRM, nullptr);
+    if (result == -1) {
+        TAVREL_LOG(ERR, "%s(): Sending XFRM state failed\n", function);
+        return -1;
+    }
+    return result;
+}
+
+#undef TAVREL_CFG
+
+} // namespace
+
+/* A crypto, authentication or family failure answers 0 although nothing was
+ * sent: the daemon has always counted such an SA as installed and only
+ * tests for -1. */
+int tavrel_xfrm_add_state(const tavrel_xfrm_sa_cfg *sa_cfg, uint32_t cfg_arg2, uint32_t cfg_arg3, int is_tx,
+                          int32_t link_tech)
+{
+    const sa_cfg_ref c{sa_cfg, cfg_arg2, cfg_arg3};
+    xfrm_sa_request request;
+    prepare_newsa(&request);
+
+    if (tavrel_xfrm_set_id_from_config(&request.info, c, is_tx) != 0) {
+        TAVREL_LOG(ERR, "%s(): setting XFRM state ID failed\n", __func__);
+        return -1;
+    }
+    if (tavrel_xfrm_set_mode(&request.info, c) != 0) {
+        TAVREL_LOG(ERR, "%s(): setting XFRM state mode failed\n", __func__);
+        return -1;
+    }
+    if (tavrel_xfrm_set_crypto_alg(&request, c, is_tx) != 0) {
+        TAVREL_LOG(ERR, "%s(): setting XFRM state crypto failed\n", __func__);
+        return 0;
+    }
+    if (tavrel_xfrm_set_auth_alg(&request, c, is_tx) != 0) {
+        TAVREL_LOG(ERR, "%s(): setting XFRM state auth failed\n", __func__);
+        return 0;
+    }
+    tavrel_xfrm_set_encap(&request, c, is_tx);
+    set_sa_flags(&request.info, is_tx, __func__);
+
+    const tavrel_modem_ip_addr *own_side = is_tx ? tavrel_xfrm_utils_get_local_addr(sa_cfg, cfg_arg2, cfg_arg3)
+                                                 : tavrel_xfrm_utils_get_dest_addr(sa_cfg, cfg_arg2, cfg_arg3);
+    if (own_side == nullptr) {
+        if (is_tx)
+            TAVREL_LOG(ERR, "%s(): Retrieving local addr failed\n", __func__);
+        else
+            TAVREL_LOG(ERR, "%s(): Retrieving dest addr failed\n", __func__);
+        return 0;
+    }
+    if (own_side->family == 4)
+        request.info.family = AF_INET;
+    else if (own_side->family == 6)
+        request.info.family = AF_INET6;
+    log_sa_family(&request.info, __func__);
+
+    put_output_mark(&request, is_tx, link_tech, __func__);
+    return send_sa(&request, __func__);
+}
+
+extern "C" int tavrel_xfrm_add_states(const tavrel_xfrm_sa_cfg *sa_cfg, uint32_t cfg_arg2, uint32_t cfg_arg3,
+                                      int32_t link_tech)
+{
+    TAVREL_LOG(HIGH, "%s(): inserting outgoing XFRM state\n", __func__);
+    if (tavrel_xfrm_add_state(sa_cfg, cfg_arg2, cfg_arg3, 1, link_tech) == -1) {
+        TAVREL_LOG(ERR, "%s(): Setting TX XFRM state failed\n", __func__);
+        return -1;
+    }
+    /* A TX SA stays installed if the RX SA fails; removing it is up to the
+     * caller. */
+    TAVREL_LOG(HIGH, "%s(): inserting incoming XFRM state\n", __func__);
+    const int result = tavrel_xfrm_add_state(sa_cfg, cfg_arg2, cfg_arg3, 0, link_tech);
+    if (result == -1) {
+        TAVREL_LOG(ERR, "%s(): Setting RX XFRM state failed\n", __func__);
+        return -1;
+    }
+    return result;
+}
+
+/* Re-installs an SA from values the daemon kept: names, keys and ports come
+ * ready for the kernel, and only is_valid is checked. */
+extern "C" int tavrel_xfrm_add_state_from_addr_set(const tavrel_xfrm_addr_set *set, int is_tx, int32_t link_tech)
+{
+    if (set == nullptr) {
+        TAVREL_LOG(ERR, "%s(): invalid input\n", __func__);
+        return -1;
+    }
+    if (!set->is_valid)
+        return -1;
+
+    xfrm_sa_request request;
+    prepare_newsa(&request);
+    request.info.id.proto = set->proto;
+    request.info.mode = set->mode;
+    request.info.family = set->local_addr.family == 4 ? AF_INET : AF_INET6;
+
+    char text[64] = {0};
+    if (is_tx) {
+        tavrel_xfrm_set_addr_from_recovery(&request.info.saddr, &set->local_addr);
+        tavrel_util_convert_ip_addr_to_str(&set->local_addr, 0, text, sizeof text);
+        TAVREL_LOG(MED, "%s():\t..saddr = %s\n", __func__, text);
+        tavrel_xfrm_set_addr_from_recovery(&request.info.id.daddr, &set->remote_addr);
+        memset(text, 0, sizeof text);
+        tavrel_util_convert_ip_addr_to_str(&set->remote_addr, 0, text, sizeof text);
+        TAVREL_LOG(MED, "%s():\t..id.daddr = %s\n", __func__, text);
+    } else {
+        tavrel_xfrm_set_addr_from_recovery(&request.info.id.daddr, &set->local_addr);
+        tavrel_util_convert_ip_addr_to_str(&set->local_addr, 0, text, sizeof text);
+        TAVREL_LOG(MED, "%s():\t..daddr = %s\n", __func__, text);
+        tavrel_xfrm_set_addr_from_recovery(&request.info.saddr, &set->remote_addr);
+        memset(text, 0, sizeof text);
+        tavrel_util_convert_ip_addr_to_str(&set->remote_addr, 0, text, sizeof text);
+        TAVREL_LOG(MED, "%s():\t..id.saddr = %s\n", __func__, text);
+    }
+    const uint32_t spi = is_tx ? set->spi_tx : set->spi_rx;
+    TAVREL_LOG(MED, "%s():\t..id.spi = 0x%x\n", __func__, spi);
+    request.info.id.spi = htonl(spi);
+
+    char key_text[150];
+
+    {
+        alg_scratch scratch;
+        memset(&scratch, 0, sizeof scratch);
+        struct xfrm_algo header;
+        memset(&header, 0, sizeof header);
+        copy_alg_name(header.alg_name, set->crypto_alg_name);
+        const uint8_t *key = is_tx ? set->crypto_key_tx : set->crypto_key_rx;
+        const uint32_t key_len = is_tx ? set->crypto_key_len_tx : set->crypto_key_len_rx;
+        kv_memscpy(scratch.bytes + kCryptHeaderLen, kCryptKeyRoom, key, key_len);
+        const uint32_t payload_len = tavrel_ck_add<uint32_t>(kCryptHeaderLen, key_len);
+        header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
+        require_room(&request, payload_len);
+        memcpy(scratch.bytes, &header, sizeof header);
+        memset(key_text, 0, sizeof key_text);
+        tavrel_util_convert_bxo_ipsec_key_to_str(scratch.bytes + kCryptHeaderLen, key_len, key_text,
+                                                 sizeof key_text);
+        TAVREL_LOG(MED, "%s():\t..crypt.alg_key = %s\n", __func__, key_text);
+        TAVREL_LOG(MED, "%s():\t..crypt.alg_key_len = %d\n", __func__, static_cast<int>(header.alg_key_len));
+        put_sa_attr(&request, XFRMA_ALG_CRYPT, payload_len, scratch.bytes);
+    }
+    {
+        alg_scratch scratch;
+        memset(&scratch, 0, sizeof scratch);
+        struct xfrm_algo_auth header;
+        memset(&header, 0, sizeof header);
+        copy_alg_name(header.alg_name, set->auth_alg_name);
+        const uint8_t *key = is_tx ? set->auth_key_tx : set->auth_key_rx;
+        const uint32_t key_len = is_tx ? set->auth_key_len_tx : set->auth_key_len_rx;
+        kv_memscpy(scratch.bytes + kAuthHeaderLen, kAuthKeyRoom, key, key_len);
+        const uint32_t payload_len = tavrel_ck_add<uint32_t>(kAuthHeaderLen, key_len);
+        header.alg_trunc_len = set->auth_trunc_len;
+        header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
+        require_room(&request, payload_len);
+        memcpy(scratch.bytes, &header, sizeof header);
+        TAVREL_LOG(MED, "%s():\t..auth.key_len = %u\n", __func__, header.alg_key_len);
+        memset(key_text, 0, sizeof key_text);
+        tavrel_util_convert_bxo_ipsec_key_to_str(scratch.bytes + kAuthHeaderLen, key_len, key_text,
+                                                 sizeof key_text);
+        TAVREL_LOG(MED, "%s():\t..auth.key = %s\n", __func__, key_text);
+        put_sa_attr(&request, XFRMA_ALG_AUTH_TRUNC, payload_len, scratch.bytes);
+    }
+
+    if (set->udp_encap != 0)
+        put_encap(&request, is_tx, set->udp_encap_port);
+
+    set_sa_flags(&request.info, is_tx, __func__);
+    log_sa_family(&request.info, __func__);
+    put_output_mark(&request, is_tx, link_tech, __func__);
+    return send_sa(&request, __func__);
+}
+
 /* ---- removing security associations ---------------------------------------- */
 
 /* The daemon keeps no kernel handles for its SAs, only the pair's identity:
