@@ -29,7 +29,7 @@
 # The guest console goes to stdout; this script's own messages to stderr.
 # Exit status: that of run.sh in the guest; 124 if the run timed out; 125 if
 # the guest could not be built or booted, panicked, or stopped without
-# reporting a status.
+# reporting a status; 2 for a bad command line.
 #
 # Environment: TAVREL_VM_BOOT_TIMEOUT (seconds allowed until the guest's init
 # reports in, default 300), TAVREL_VM_MEM (guest memory in MiB; default 512,
@@ -46,6 +46,10 @@ log() { echo "run-guest: $*" >&2; }
 die() {
 	echo "run-guest: ERROR: $*" >&2
 	exit "$EXIT_INFRA"
+}
+bad_args() {
+	echo "run-guest: $*" >&2
+	exit 2
 }
 usage() {
 	sed -n '/^# Usage:/,/^# Needs root/p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
@@ -67,8 +71,8 @@ while [[ $# -gt 0 ]]; do
 	esac
 done
 [[ -n $ARCH && -n $PAYLOAD ]] || usage
-[[ $TIMEOUT =~ ^[1-9][0-9]*$ ]] || die "--timeout must be a positive number of seconds"
-[[ -f $PAYLOAD/run.sh ]] || die "payload $PAYLOAD has no run.sh"
+[[ $TIMEOUT =~ ^[1-9][0-9]*$ ]] || bad_args "--timeout must be a positive number of seconds"
+[[ -f $PAYLOAD/run.sh ]] || bad_args "payload $PAYLOAD has no run.sh"
 PAYLOAD=$(cd "$PAYLOAD" && pwd)
 BOOT_TIMEOUT=${TAVREL_VM_BOOT_TIMEOUT:-300}
 ((BOOT_TIMEOUT < TIMEOUT)) || BOOT_TIMEOUT=$TIMEOUT
@@ -110,7 +114,7 @@ armhf)
 	HOST_PKGS=()
 	MODTREES=(kernel/arch/arm/crypto)
 	;;
-*) die "unknown --arch '$ARCH' (x86_64 or armhf)" ;;
+*) bad_args "unknown --arch '$ARCH' (x86_64 or armhf)" ;;
 esac
 MODTREES+=(kernel/crypto kernel/lib/crypto kernel/net/xfrm kernel/net/ipv4
 	kernel/net/ipv6 kernel/net/sched kernel/drivers/net/dummy.ko
