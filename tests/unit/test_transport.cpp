@@ -147,7 +147,8 @@ TEST_F(Transact, AnswersAndFailures)
 {
     const request_buffer ack = make_rule(NLM_F_REQUEST | NLM_F_ACK);
     const request_buffer no_ack = make_rule(NLM_F_REQUEST | NLM_F_CREATE);
-    const fk::bytes other = fk::datagram({fk::msg{RTM_NEWRULE, 0, fk::bytes(12, 0)}});
+    // 29 bytes long, padded to 32: the walk must round up to the next message.
+    const fk::bytes other = fk::datagram({fk::msg{RTM_NEWRULE, 0, fk::bytes(13, 0)}});
     const fk::bytes short_error = fk::datagram({fk::msg{NLMSG_ERROR, 0, fk::bytes(20, 0), 35}});
     const std::string ok = "HIGH tavrel_netlink_transact(): NL ACK received from kernel\n";
     const std::string no_ack_seen = "ERR tavrel_netlink_transact(): no NL ACK received from kernel\n";
@@ -163,6 +164,8 @@ TEST_F(Transact, AnswersAndFailures)
         {"ack after another message", &ack, P().reply(other + fk::ack(0)), 0, 0, {ok}},
         {"refused", &ack, P().reply(fk::ack(-17)), -1, -17,
          {"ERR tavrel_netlink_transact(): Kernel reports error -17\n", "HIGH tavrel_nla_extack(): No EXTACK content\n"}},
+        {"positive code", &ack, P().reply(fk::ack(5)), -1, 5,
+         {"ERR tavrel_netlink_transact(): Kernel reports error 5\n", "HIGH tavrel_nla_extack(): No EXTACK content\n"}},
         {"error of 35 bytes", &ack, P().reply(short_error), -1, 0,
          {"ERR tavrel_netlink_transact(): invalid NL error received\n"}},
         {"12-byte datagram", &ack, P().reply(fk::bytes(12, 0)), -1, 0, {no_ack_seen}},
