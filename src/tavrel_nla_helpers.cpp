@@ -97,6 +97,17 @@ int send_request(int fd, const struct nlmsghdr *request, const char *function, b
     return 0;
 }
 
+/* Opens a socket for one exchange; a failure is logged a second time under
+ * the caller's name, without errno, as the daemon's logs have always shown
+ * it. */
+int open_socket(int protocol, const char *function)
+{
+    const int fd = tavrel_netlink_open(protocol);
+    if (fd < 0)
+        TAVREL_LOG(ERR, "%s(): opening NL socket failed\n", function);
+    return fd;
+}
+
 void close_socket(int fd, const char *function)
 {
     TAVREL_LOG(LOW, "%s(): closing file descriptor %p\n", function, TAVREL_FD_PTR(fd));
@@ -271,11 +282,9 @@ extern "C" int tavrel_netlink_transact(const struct nlmsghdr *request, int proto
     if (kernel_error != nullptr)
         *kernel_error = 0;
 
-    const int fd = tavrel_netlink_open(protocol);
-    if (fd < 0) {
-        TAVREL_LOG(ERR, "%s(): opening NL socket failed\n", __func__);
+    const int fd = open_socket(protocol, __func__);
+    if (fd < 0)
         return -1;
-    }
 
     int result = send_request(fd, request, __func__, false);
     if (result == 0) {
@@ -304,11 +313,9 @@ extern "C" int tavrel_netlink_dump(const struct nlmsghdr *request, int protocol,
     recv_buffer buffer;
     memset(&buffer, 0, sizeof buffer);
 
-    const int fd = tavrel_netlink_open(protocol);
-    if (fd < 0) {
-        TAVREL_LOG(ERR, "%s(): opening NL socket failed\n", __func__);
+    const int fd = open_socket(protocol, __func__);
+    if (fd < 0)
         return -1;
-    }
 
     int result = send_request(fd, request, __func__, true);
     bool done = result != 0;
@@ -371,11 +378,9 @@ extern "C" int tavrel_netlink_query(const struct nlmsghdr *request, int protocol
     recv_buffer buffer;
     memset(&buffer, 0, sizeof buffer);
 
-    const int fd = tavrel_netlink_open(protocol);
-    if (fd < 0) {
-        TAVREL_LOG(ERR, "%s(): opening NL socket failed\n", __func__);
+    const int fd = open_socket(protocol, __func__);
+    if (fd < 0)
         return -1;
-    }
 
     int result = send_request(fd, request, __func__, false);
     if (result == 0) {
