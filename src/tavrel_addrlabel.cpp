@@ -112,35 +112,29 @@ bool is_system_label(uint32_t label)
     return label < kFirstDaemonLabel && label != 1;
 }
 
-void log_address_match(const tavrel_ip_addr *address)
+/* The match lines name no function and have no newline: the daemon's log
+ * readers match them as they stand. */
+#define TAVREL_IPV6_TEXT "[%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x]"
+#define TAVREL_IPV6_BYTES(a)                                                                                     \
+    unsigned(a[0]), unsigned(a[1]), unsigned(a[2]), unsigned(a[3]), unsigned(a[4]), unsigned(a[5]), unsigned(a[6]), \
+        unsigned(a[7]), unsigned(a[8]), unsigned(a[9]), unsigned(a[10]), unsigned(a[11]), unsigned(a[12]),           \
+        unsigned(a[13]), unsigned(a[14]), unsigned(a[15])
+
+void log_match(const tavrel_ip_addr *address, bool by_label)
 {
     const uint8_t *a = address->addr;
-    if (address->family == 6)
-        TAVREL_LOG_NOFILE(MED,
-                          "Matches AddressIPv6 addr "
-                          "[%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x]",
-                          unsigned(a[0]), unsigned(a[1]), unsigned(a[2]), unsigned(a[3]), unsigned(a[4]),
-                          unsigned(a[5]), unsigned(a[6]), unsigned(a[7]), unsigned(a[8]), unsigned(a[9]),
-                          unsigned(a[10]), unsigned(a[11]), unsigned(a[12]), unsigned(a[13]), unsigned(a[14]),
-                          unsigned(a[15]));
+    if (address->family == 6 && by_label)
+        TAVREL_LOG_NOFILE(MED, "Label match forIPv6 addr " TAVREL_IPV6_TEXT, TAVREL_IPV6_BYTES(a));
+    else if (address->family == 6)
+        TAVREL_LOG_NOFILE(MED, "Matches AddressIPv6 addr " TAVREL_IPV6_TEXT, TAVREL_IPV6_BYTES(a));
+    else if (by_label)
+        TAVREL_LOG_NOFILE(MED, "Label match forIPv4 addr [%d.%d.%d.%d]", a[0], a[1], a[2], a[3]);
     else
         TAVREL_LOG_NOFILE(MED, "Matches AddressIPv4 addr [%d.%d.%d.%d]", a[0], a[1], a[2], a[3]);
 }
 
-void log_label_match(const tavrel_ip_addr *address)
-{
-    const uint8_t *a = address->addr;
-    if (address->family == 6)
-        TAVREL_LOG_NOFILE(MED,
-                          "Label match forIPv6 addr "
-                          "[%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x]",
-                          unsigned(a[0]), unsigned(a[1]), unsigned(a[2]), unsigned(a[3]), unsigned(a[4]),
-                          unsigned(a[5]), unsigned(a[6]), unsigned(a[7]), unsigned(a[8]), unsigned(a[9]),
-                          unsigned(a[10]), unsigned(a[11]), unsigned(a[12]), unsigned(a[13]), unsigned(a[14]),
-                          unsigned(a[15]));
-    else
-        TAVREL_LOG_NOFILE(MED, "Label match forIPv4 addr [%d.%d.%d.%d]", a[0], a[1], a[2], a[3]);
-}
+#undef TAVREL_IPV6_BYTES
+#undef TAVREL_IPV6_TEXT
 
 void free_list(tavrel_addrlabel_node *head)
 {
@@ -386,7 +380,7 @@ void tavrel_addrlabel_purge_label_dump_cb(const struct nlmsghdr *message, void *
     uint32_t used_label;
     int result;
     if (memcmp(entry_address, filter->address->addr, compared) == 0) {
-        log_address_match(filter->address);
+        log_match(filter->address, false);
         const tavrel_ip_addr address = *filter->address;
         used_label = entry_label;
         result = tavrel_addrlabel_modify(RTM_DELADDRLABEL, &address, filter->prefix_length, used_label,
@@ -398,7 +392,7 @@ void tavrel_addrlabel_purge_label_dump_cb(const struct nlmsghdr *message, void *
         memset(&address, 0, sizeof address);
         address.family = filter->address->family;
         memcpy(address.addr, entry_address, v6 ? 16 : 4);
-        log_label_match(&address);
+        log_match(&address, true);
         used_label = filter->label;
         result = tavrel_addrlabel_modify(RTM_DELADDRLABEL, &address, filter->prefix_length, used_label,
                                          filter->interface_index);

@@ -190,9 +190,30 @@ int tc_ifindex(const char *interface_name)
     return static_cast<int>(if_nametoindex(interface_name));
 }
 
-bool tc_send(const tc_request &r)
+/* What every qdisc request checks before it is built: a name, its index (an
+ * unknown name goes on as index 0 and is left to the kernel) and an
+ * operation the function knows. */
+bool tc_begin(const char *interface_name, int operation, int last_operation, const char *function, int *ifindex)
 {
-    return tavrel_rtnetlink_transaction(&r.header, static_cast<int>(r.header.nlmsg_len)) >= 0;
+    if (interface_name == nullptr)
+        return false;
+    *ifindex = tc_ifindex(interface_name);
+    if (*ifindex < 0)
+        return false;
+    if (operation < TC_ADD || operation > last_operation) {
+        TAVREL_LOG_NOFILE(ERR, "%s(): tc qdisc invalid flag operation", function);
+        return false;
+    }
+    return true;
+}
+
+int tc_send(const tc_request &r, const char *function)
+{
+    if (tavrel_rtnetlink_transaction(&r.header, static_cast<int>(r.header.nlmsg_len)) < 0) {
+        TAVREL_LOG_NOFILE(ERR, "%s(): tc qdisc transaction failed!", function);
+        return -1;
+    }
+    return 0;
 }
 
 /* Band per packet priority 0-15 (TC_PRIO_*). */
@@ -387,62 +408,32 @@ int tavrel_rtnetlink_transaction(const struct nlmsghdr *message, int length)
 extern "C" int tavrel_rtnetlink_tc_qdisc(const char *interface_name, const char *kind, uint32_t parent,
                                          uint32_t handle, int operation)
 {
-    if (interface_name == nullptr || kind == nullptr)
+    int ifindex;
+    if (kind == nullptr || !tc_begin(interface_name, operation, TC_DELETE, __func__, &ifindex))
         return -1;
-    /* An unknown name goes on as index 0 and is left to the kernel. */
-    const int ifindex = tc_ifindex(interface_name);
-    if (ifindex < 0)
-        return -1;
-    if (operation != TC_ADD && operation != TC_DELETE) {
-        TAVREL_LOG_NOFILE(ERR, "%s(): tc qdisc invalid flag operation", __func__);
-        return -1;
-    }
-
     tc_request r;
     tc_fill(r, ifindex, kind, parent, handle, operation);
-    if (!tc_send(r)) {
-        TAVREL_LOG_NOFILE(ERR, "%s(): tc qdisc transaction failed!", __func__);
-        return -1;
-    }
-    return 0;
+    return tc_send(r, __func__);
 }
 
 extern "C" int tavrel_rtnetlink_tc_prio(const char *interface_name, uint32_t parent, uint32_t handle, int operation)
 {
-    if (interface_name == nullptr)
+    int ifindex;
+    if (!tc_begin(interface_name, operation, TC_DELETE, __func__, &ifindex))
         return -1;
-    const int ifindex = tc_ifindex(interface_name);
-    if (ifindex < 0)
-        return -1;
-    if (operation != TC_ADD && operation != TC_DELETE) {
-        TAVREL_LOG_NOFILE(ERR, "%s(): tc qdisc invalid flag operation", __func__);
-        return -1;
-    }
-
     tc_request r;
     tc_fill(r, ifindex, "prio", parent, handle, operation);
     if (operation != TC_DELETE)
         tc_put_prio_options(r, 5, kPrioPriomap, 1);
-    if (!tc_send(r)) {
-        TAVREL_LOG_NOFILE(ERR, "%s(): tc qdisc transaction failed!", __func__);
-        return -1;
-    }
-    return 0;
+    return tc_send(r, __func__);
 }
 
 extern "C" int tavrel_rtnetlink_flow_control(const char *interface_name, uint32_t parent, uint32_t handle,
                                              uint32_t enable, int operation)
 {
-    if (interface_name == nullptr)
+    int ifindex;
+    if (!tc_begin(interface_name, operation, TC_CHANGE, __func__, &ifindex))
         return -1;
-    const int ifindex = tc_ifindex(interface_name);
-    if (ifindex < 0)
-        return -1;
-    if (operation != TC_ADD && operation != TC_DELETE && operation != TC_CHANGE) {
-        TAVREL_LOG_NOFILE(ERR, "%s(): tc qdisc invalid flag operation", __func__);
-        return -1;
-    }
-
     tc_request r;
     tc_fill(r, ifindex, "prio", parent, handle, operation);
     if (operation != TC_DELETE)
@@ -450,9 +441,5 @@ extern "C" int tavrel_rtnetlink_flow_control(const char *interface_name, uint32_
     TAVREL_LOG_NOFILE(LOW, "%s(): sending nlmsg \"tc qdisc %s dev %s parent:0x%x hndl:0x%x prio flow %s", __func__,
                       tc_operation_word(operation), interface_name, r.tc.tcm_parent, handle,
                       enable != 0 ? "enable" : "disable");
-    if (!tc_send(r)) {
-        TAVREL_LOG_NOFILE(ERR, "%s(): tc qdisc transaction failed!", __func__);
-        return -1;
-    }
-    return 0;
+    return tc_send(r, __func__);
 }
