@@ -19,6 +19,11 @@
 
 static_assert(sizeof(xfrm_address_t) == 16, "xfrm_address_t layout");
 static_assert(sizeof(struct xfrm_selector) == 56, "xfrm_selector layout");
+static_assert(offsetof(struct xfrm_selector, saddr) == 16, "xfrm_selector layout");
+static_assert(offsetof(struct xfrm_selector, family) == 40, "xfrm_selector layout");
+static_assert(offsetof(struct xfrm_selector, prefixlen_d) == 42, "xfrm_selector layout");
+static_assert(offsetof(struct xfrm_selector, prefixlen_s) == 43, "xfrm_selector layout");
+static_assert(offsetof(struct xfrm_selector, proto) == 44, "xfrm_selector layout");
 static_assert(sizeof(struct xfrm_id) == 24, "xfrm_id layout");
 static_assert(sizeof(struct xfrm_lifetime_cfg) == 64, "xfrm_lifetime_cfg layout");
 static_assert(sizeof(struct xfrm_lifetime_cur) == 32, "xfrm_lifetime_cur layout");
@@ -70,6 +75,8 @@ static_assert(offsetof(struct xfrm_user_tmpl, calgos) == 60, "xfrm_user_tmpl lay
  * 444 bytes for a cipher key, 440 for an authentication key. */
 static_assert(sizeof(struct xfrm_algo) == 68, "xfrm_algo layout");
 static_assert(sizeof(struct xfrm_algo_auth) == 72, "xfrm_algo_auth layout");
+static_assert(offsetof(struct xfrm_algo, alg_key_len) == 64, "xfrm_algo layout");
+static_assert(offsetof(struct xfrm_algo_auth, alg_key_len) == 64, "xfrm_algo_auth layout");
 static_assert(offsetof(struct xfrm_algo_auth, alg_trunc_len) == 68, "xfrm_algo_auth layout");
 static_assert(sizeof(struct xfrm_encap_tmpl) == 24, "xfrm_encap_tmpl layout");
 static_assert(offsetof(struct xfrm_encap_tmpl, encap_oa) == 8, "xfrm_encap_tmpl layout");

@@ -8,7 +8,6 @@
 
 #include "tavrel_internal.h"
 
-static_assert(sizeof(xfrm_address_t) == 16, "xfrm_address_t layout");
 
 /* ---- address helpers -------------------------------------------------------
  * Addresses reach this file as text ("fe80::/64"), as the modem's records
@@ -101,17 +100,9 @@ struct xfrm_sa_request {
     uint8_t attributes[2048];
 };
 
-static_assert(sizeof(struct xfrm_usersa_info) == 224, "xfrm_usersa_info layout");
 static_assert(offsetof(xfrm_sa_request, info) == 16, "SA request layout");
 static_assert(offsetof(xfrm_sa_request, attributes) == 240, "SA request layout");
 static_assert(sizeof(xfrm_sa_request) == 240 + 2048, "SA request layout");
-static_assert(sizeof(struct xfrm_algo) == 68, "xfrm_algo layout");
-static_assert(offsetof(struct xfrm_algo, alg_key_len) == 64, "xfrm_algo layout");
-static_assert(sizeof(struct xfrm_algo_auth) == 72, "xfrm_algo_auth layout");
-static_assert(offsetof(struct xfrm_algo_auth, alg_key_len) == 64, "xfrm_algo_auth layout");
-static_assert(offsetof(struct xfrm_algo_auth, alg_trunc_len) == 68, "xfrm_algo_auth layout");
-static_assert(sizeof(struct xfrm_encap_tmpl) == 24, "xfrm_encap_tmpl layout");
-static_assert(offsetof(struct xfrm_encap_tmpl, encap_oa) == 8, "xfrm_encap_tmpl layout");
 static_assert(sizeof(((struct xfrm_algo *)nullptr)->alg_name) == 64, "algorithm name room");
 
 /* Algorithm payloads are built in an area of this size; the key goes behind
@@ -702,14 +693,6 @@ extern "C" int tavrel_xfrm_add_state_from_addr_set(const tavrel_xfrm_addr_set *s
  * the whole SA table is dumped and the entries of the pair are deleted from
  * inside the dump callback, each with a transaction of its own. */
 
-static_assert(sizeof(struct xfrm_usersa_info) == 224, "xfrm_usersa_info layout");
-static_assert(offsetof(struct xfrm_usersa_info, id) == 56, "xfrm_usersa_info layout");
-static_assert(offsetof(struct xfrm_usersa_info, saddr) == 80, "xfrm_usersa_info layout");
-static_assert(offsetof(struct xfrm_usersa_info, family) == 212, "xfrm_usersa_info layout");
-static_assert(sizeof(struct xfrm_usersa_id) == 24, "xfrm_usersa_id layout");
-static_assert(offsetof(struct xfrm_usersa_id, spi) == 16, "xfrm_usersa_id layout");
-static_assert(offsetof(struct xfrm_usersa_id, family) == 20, "xfrm_usersa_id layout");
-static_assert(offsetof(struct xfrm_usersa_id, proto) == 22, "xfrm_usersa_id layout");
 
 namespace {
 
@@ -829,23 +812,6 @@ extern "C" int tavrel_xfrm_remove_states(const tavrel_xfrm_sa_addrs *addrs)
 
 /* ---- selectors and policies ------------------------------------------------- */
 
-static_assert(sizeof(struct xfrm_selector) == 56, "xfrm_selector layout");
-static_assert(offsetof(struct xfrm_selector, saddr) == 16, "xfrm_selector layout");
-static_assert(offsetof(struct xfrm_selector, family) == 40, "xfrm_selector layout");
-static_assert(offsetof(struct xfrm_selector, prefixlen_d) == 42, "xfrm_selector layout");
-static_assert(offsetof(struct xfrm_selector, prefixlen_s) == 43, "xfrm_selector layout");
-static_assert(offsetof(struct xfrm_selector, proto) == 44, "xfrm_selector layout");
-static_assert(sizeof(struct xfrm_userpolicy_info) == 168, "xfrm_userpolicy_info layout");
-static_assert(offsetof(struct xfrm_userpolicy_info, lft) == 56, "xfrm_userpolicy_info layout");
-static_assert(offsetof(struct xfrm_userpolicy_info, priority) == 152, "xfrm_userpolicy_info layout");
-static_assert(offsetof(struct xfrm_userpolicy_info, dir) == 160, "xfrm_userpolicy_info layout");
-static_assert(sizeof(struct xfrm_userpolicy_id) == 64, "xfrm_userpolicy_id layout");
-static_assert(offsetof(struct xfrm_userpolicy_id, dir) == 60, "xfrm_userpolicy_id layout");
-static_assert(sizeof(struct xfrm_user_tmpl) == 64, "xfrm_user_tmpl layout");
-static_assert(offsetof(struct xfrm_user_tmpl, family) == 24, "xfrm_user_tmpl layout");
-static_assert(offsetof(struct xfrm_user_tmpl, saddr) == 28, "xfrm_user_tmpl layout");
-static_assert(offsetof(struct xfrm_user_tmpl, mode) == 48, "xfrm_user_tmpl layout");
-static_assert(offsetof(struct xfrm_user_tmpl, aalgos) == 52, "xfrm_user_tmpl layout");
 
 int tavrel_xfrm_set_sel(struct xfrm_selector *sel, const char *src, const char *dst, const char *proto)
 {
