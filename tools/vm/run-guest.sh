@@ -4,7 +4,7 @@
 # qdisc and friends even when the host kernel lacks them.
 #
 # Usage:
-#   tests/vm/run-guest.sh --arch x86_64|armhf --payload DIR
+#   tools/vm/run-guest.sh --arch x86_64|armhf --payload DIR
 #                         [--cache DIR] [--timeout SECONDS] [--append-init CMD]...
 #
 #   --arch          x86_64: Debian's cloud-amd64 kernel on qemu's pc machine.
@@ -95,7 +95,7 @@ x86_64)
 	# come from the host: one consistent glibc, the one the payload was
 	# linked against. Only the static busybox is fetched (installing
 	# busybox-static on the host would replace its busybox).
-	USER_DEBS=(busybox-static)
+	USER_DEBS=(busybox-static netbase)
 	TOOLROOT=/
 	LIBDIRS=("/lib/$TRIPLET" "/usr/lib/$TRIPLET" /lib64 /usr/lib64)
 	HOST_PKGS=(iproute2 dash bash)
@@ -108,7 +108,7 @@ armhf)
 	QEMU_BOARD=(-M virt -cpu cortex-a15) CONSOLE=ttyAMA0
 	ELF_MACHINE=ARM
 	# Library dependencies of these are added at download time.
-	USER_DEBS=(busybox-static iproute2 dash bash libc6 libgcc-s1 libstdc++6)
+	USER_DEBS=(busybox-static netbase iproute2 dash bash libc6 libgcc-s1 libstdc++6)
 	TOOLROOT= # set below, once the cache path is known
 	LIBDIRS=()
 	HOST_PKGS=()
@@ -386,6 +386,8 @@ build_root() {
 	EOF
 	printf 'root:x:0:\nnogroup:x:65534:\n' >"$ROOT/etc/group"
 	printf '127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n' >"$ROOT/etc/hosts"
+	# Protocol and service names, so that iproute2 prints them as on a host.
+	cp "$SYSROOT/etc/protocols" "$SYSROOT/etc/services" "$ROOT/etc/" || die "netbase did not unpack"
 	install -m 755 "$HERE/guest-init.sh" "$ROOT/init"
 	# shellcheck disable=SC2086 # one module name per word
 	printf '%s\n' $GUEST_MODULES >"$ROOT/etc/tavrel/modules"
