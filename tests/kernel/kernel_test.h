@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -41,6 +42,16 @@ inline std::string sh(const std::string &command, int *status = nullptr)
         const std::string sh_out_ = sh(command, &sh_status_);                              \
         ASSERT_EQ(sh_status_, 0) << (command) << ":\n" << sh_out_;                         \
     } while (0)
+
+// Tests that find a kernel feature missing (ESP, the prio qdisc) take a
+// shorter path or skip. The full-kernel tier (tests/vm) sets
+// TAVREL_FULL_KERNEL, and there a missing feature is a failure.
+inline bool kernel_has(bool present, const char *feature)
+{
+    if (!present && getenv("TAVREL_FULL_KERNEL") != nullptr)
+        ADD_FAILURE() << "the full kernel lacks " << feature;
+    return present;
+}
 
 // Captures the diagnostics sink (text only) for asserting log lines.
 struct kernel_log {

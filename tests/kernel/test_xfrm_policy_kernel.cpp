@@ -82,7 +82,7 @@ TEST_F(XfrmPolicyKernel, RemoveStatesDeletesExactlyThePair)
            &status);
         return status == 0;
     };
-    const bool esp = add_sa("192.0.2.1", "198.51.100.2", "0x1000");
+    const bool esp = kernel_has(add_sa("192.0.2.1", "198.51.100.2", "0x1000"), "ESP (esp4, xfrm_user)");
     if (esp) {
         ASSERT_TRUE(add_sa("198.51.100.2", "192.0.2.1", "0x2000"));
         ASSERT_TRUE(add_sa("192.0.2.1", "198.51.100.2", "0x3000"));
