@@ -1,0 +1,40 @@
+#!/bin/bash
+# Runs the kernel tier of one build tree, and the end-to-end tunnel, inside a
+# full Debian kernel under qemu (tools/vm/run-guest.sh); or the README's
+# demonstration there.
+#
+# usage: tests/vm/guest-tier.sh x86_64|armhf BUILD_DIR [kernel|demo]
+#
+# The payload: the tree's tavrel_kernel_tests, tavrelctl and udp_encap_holder,
+# libnltavrel, libtavrel_host and the liblog the tree linked (each under its
+# SONAME), tests/e2e, tests/vm/run.sh (which runs in the guest), and for the
+# demonstration tools/demo and tools/examples. The guest's own libraries
+# (C and C++ runtime) are added by the runner. The status is the runner's:
+# that of run.sh in the guest, 124 for a time-out, 125 for a guest that did
+# not come up. TAVREL_VM_TIMEOUT (seconds, default 600) bounds the guest run.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+[[ $# -ge 2 ]] || { sed -n 's/^# usage: //p' "${BASH_SOURCE[0]}" >&2; exit 2; }
+arch=$1 build=$(cd "$2" && pwd) mode=${3:-kernel}
+
+payload=$(mktemp -d "${TMPDIR:-/tmp}/tavrel-payload.XXXXXX")
+trap 'rm -rf "$payload"' EXIT
+mkdir -p "$payload/bin" "$payload/lib" "$payload/tools" "$payload/e2e"
+
+for f in tests/tavrel_kernel_tests tests/udp_encap_holder tools/tavrelctl; do
+	[[ -x $build/$f ]] || { echo "guest-tier: $build/$f is not built" >&2; exit 125; }
+	cp "$build/$f" "$payload/bin/"
+done
+liblog=$(sed -n 's/^TAVREL_ANDROID_LOG_LIBRARY:FILEPATH=//p' "$build/CMakeCache.txt")
+for lib in "$build/libnltavrel.so" "$build/libtavrel_host.so" "$liblog"; do
+	soname=$(readelf -d "$lib" | sed -n 's/.*(SONAME).*\[\(.*\)\]$/\1/p')
+	cp -L "$lib" "$payload/lib/${soname:-${lib##*/}}"
+done
+cp "$root"/tests/e2e/*.sh "$payload/e2e/"
+cp "$root/tests/vm/run.sh" "$payload/run.sh"
+echo "$mode" >"$payload/mode"
+[[ $mode != demo ]] || cp -r "$root/tools/demo" "$root/tools/examples" "$payload/tools/"
+
+status=0
+"$root/tools/vm/run-guest.sh" --arch "$arch" --payload "$payload" --timeout "${TAVREL_VM_TIMEOUT:-600}" || status=$?
+exit $status
