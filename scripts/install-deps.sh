@@ -1,6 +1,6 @@
 #!/bin/bash
 # Installs the Debian packages a group of tasks needs, only when something is
-# missing. usage: install-deps.sh GROUP...   (groups: build test armhf)
+# missing. usage: install-deps.sh GROUP...   (groups: build test armhf vm)
 # Packages named PACKAGE:ARCH come from a foreign dpkg architecture, which is
 # enabled first.
 set -euo pipefail
@@ -10,6 +10,9 @@ declare -A group_packages=(
   [test]="cmake make g++ clang libgtest-dev libgmock-dev android-liblog-dev iproute2 util-linux binutils pkgconf"
   # Cross build and user-mode emulation; GoogleTest is built from googletest's sources.
   [armhf]="cmake make g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf googletest qemu-user android-liblog-dev:armhf pkgconf"
+  # The full-kernel tier's guest runner (tools/vm/run-guest.sh); the kernel
+  # and the guest's packages it fetches itself.
+  [vm]="qemu-system-x86 qemu-system-arm kmod cpio binutils xz-utils util-linux iproute2 dash bash"
 )
 
 wanted=()

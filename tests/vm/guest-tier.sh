@@ -5,10 +5,11 @@
 #
 # usage: tests/vm/guest-tier.sh x86_64|armhf BUILD_DIR [kernel|demo]
 #
-# The payload: the tree's tavrel_kernel_tests, tavrelctl and udp_encap_holder,
-# libnltavrel, libtavrel_host and the liblog the tree linked (each under its
-# SONAME), tests/e2e, tests/vm/run.sh (which runs in the guest), and for the
-# demonstration tools/demo and tools/examples. The guest's own libraries
+# The payload: the tree's tavrel_kernel_tests (not for the demonstration),
+# tavrelctl and udp_encap_holder, libnltavrel, libtavrel_host and the liblog
+# the tree linked (each under its SONAME), tests/e2e, tests/vm/run.sh (which
+# runs in the guest), and for the demonstration tools/demo and
+# tools/examples. The guest's own libraries
 # (C and C++ runtime) are added by the runner. The status is the runner's:
 # that of run.sh in the guest, 124 for a time-out, 125 for a guest that did
 # not come up. TAVREL_VM_TIMEOUT (seconds, default 600) bounds the guest run.
@@ -21,7 +22,9 @@ payload=$(mktemp -d "${TMPDIR:-/tmp}/tavrel-payload.XXXXXX")
 trap 'rm -rf "$payload"' EXIT
 mkdir -p "$payload/bin" "$payload/lib" "$payload/tools" "$payload/e2e"
 
-for f in tests/tavrel_kernel_tests tests/udp_encap_holder tools/tavrelctl; do
+files=(tests/udp_encap_holder tools/tavrelctl)
+[[ $mode == demo ]] || files+=(tests/tavrel_kernel_tests)
+for f in "${files[@]}"; do
 	[[ -x $build/$f ]] || { echo "guest-tier: $build/$f is not built" >&2; exit 125; }
 	cp "$build/$f" "$payload/bin/"
 done
