@@ -11,24 +11,20 @@
 # the two namespaces.
 #
 # usage: tunnel.sh TAVRELCTL UDP_ENCAP_HOLDER [--show]
-#   --show  print each command with its output and the kernel's view, for
-#           the demonstration
+#   --show  print each command with its output, and the kernel's view
 # Ends with "N passed, N failed"; the status is 0 when nothing failed.
 set -uo pipefail
 
 ctl=$1 holder=$2 show=${3:-}
 work=$(mktemp -d)
 holders=()
-cleanup() {
-	local pid
-	for pid in "${holders[@]}"; do
-		kill "$pid" 2>/dev/null
-	done
+reset() {
+	kill "${holders[@]}" 2>/dev/null
+	holders=()
 	ip netns del tunA 2>/dev/null
 	ip netns del tunB 2>/dev/null
-	rm -rf "$work"
 }
-trap cleanup EXIT
+trap 'reset; rm -rf "$work"' EXIT
 
 # Outer (veth) and inner addresses, SPIs and keys of side A's SA pair.
 a_out=192.0.2.1 b_out=192.0.2.2 a_in=198.51.100.1 b_in=203.0.113.1
@@ -39,15 +35,10 @@ auth_rx=404142434445464748494a4b4c4d4e4f505152535455565758595a5b5c5d5e5f
 
 passed=0 failed=0
 check() {
-	local name=$1 rc
+	local name=$1
 	shift
-	if [[ $show == --show ]]; then
-		"$@"
-	else
-		"$@" >"$work/check.out" 2>&1
-	fi
-	rc=$?
-	if ((rc == 0)); then
+	if [[ $show == --show ]]; then "$@"; else "$@" >"$work/check.out" 2>&1; fi
+	if [[ $? -eq 0 ]]; then
 		echo "ok   $name"
 		passed=$((passed + 1))
 	else
@@ -56,48 +47,34 @@ check() {
 		failed=$((failed + 1))
 	fi
 }
-# A command in a namespace; printed with its output in --show mode, else
-# silent unless it fails.
+# A command in a namespace, printed with its output in --show mode.
 in_ns() {
 	local ns=$1
 	shift
-	if [[ $show == --show ]]; then
-		printf '[%s]$ %s\n' "${ns#tun}" "$*"
-		ip netns exec "$ns" "$@" 2>&1 | sed 's/^/    /'
-		return "${PIPESTATUS[0]}"
-	fi
-	ip netns exec "$ns" "$@" >"$work/cmd.out" 2>&1 || { sed 's/^/    /' "$work/cmd.out"; return 1; }
+	[[ $show == --show ]] || { ip netns exec "$ns" "$@"; return; }
+	printf '[%s]$ %s\n' "${ns#tun}" "$*"
+	ip netns exec "$ns" "$@" 2>&1 | sed 's/^/    /'
+	return "${PIPESTATUS[0]}"
 }
-# The library's call on side A, with its diagnostics log.
+view() { [[ $show != --show ]] || in_ns "$@"; }
 lib() { in_ns tunA "$ctl" --diag "$@"; }
-# Packets counted by one SA.
-packets() {
-	ip -n "$1" -s xfrm state get src "$2" dst "$3" proto esp spi "$4" |
-		sed -n 's/.*, \([0-9]*\)(packets).*/\1/p'
-}
-counters() {
-	echo "$(packets tunA $a_out $b_out $spi_tx) $(packets tunA $b_out $a_out $spi_rx)" \
-		"$(packets tunB $a_out $b_out $spi_tx) $(packets tunB $b_out $a_out $spi_rx)"
-}
+# Packets counted by each SA of a namespace, in the kernel's order.
+packets() { ip -n "$1" -s xfrm state | sed -n 's/.*, \([0-9]*\)(packets).*/\1/p' | tr '\n' ' '; }
+counters() { echo "$(packets tunA)$(packets tunB)"; }
 all_grew() {  # before after: each of the four counters grew
 	local -a b a
 	read -ra b <<<"$1"
 	read -ra a <<<"$2"
-	[[ ${#a[@]} -eq 4 ]] && ((a[0] > b[0] && a[1] > b[1] && a[2] > b[2] && a[3] > b[3]))
+	[[ ${#b[@]} -eq 4 && ${#a[@]} -eq 4 ]] && ((a[0] > b[0] && a[1] > b[1] && a[2] > b[2] && a[3] > b[3]))
 }
-ping_b() { in_ns tunA ping -c 3 -W 2 "$b_in"; }
-no_ping_b() { ! in_ns tunA ping -c 2 -W 1 "$b_in"; }
-# Waits up to 5 s for both holders to report their socket.
 holders_ready() {
-	local _
 	for _ in $(seq 50); do
-		grep -qx ready "$work/holder-tunA" && grep -qx ready "$work/holder-tunB" && return 0
+		[[ $(cat "$work"/holder-* 2>/dev/null) == $'ready\nready' ]] && return 0
 		sleep 0.1
 	done
 	cat "$work"/holder-*
 	return 1
 }
-is_empty() { [[ -z $(ip -n tunA xfrm "$1") ]]; }
 
 setup_namespaces() {
 	ip netns add tunA && ip netns add tunB &&
@@ -110,24 +87,23 @@ setup_namespaces() {
 		ip -n tunB route add $a_in/32 via $a_out src $b_in
 }
 
-# Side B mirrors side A: A's TX SA is B's incoming one. $1: "encap" or "".
+# Side B mirrors side A: A's TX SA is B's incoming one. $1: esp or encap.
 setup_side_b() {
-	local encap=()
+	local encap=() dir
 	[[ $1 == encap ]] && encap=(encap espinudp 4500 4500 0.0.0.0)
 	in_ns tunB ip xfrm state add src $a_out dst $b_out proto esp spi $spi_tx mode tunnel \
 		enc 'cbc(aes)' 0x$crypt_tx auth-trunc 'hmac(sha256)' 0x$auth_tx 128 "${encap[@]}" &&
 		in_ns tunB ip xfrm state add src $b_out dst $a_out proto esp spi $spi_rx mode tunnel \
 			enc 'cbc(aes)' 0x$crypt_rx auth-trunc 'hmac(sha256)' 0x$auth_rx 128 "${encap[@]}" &&
 		in_ns tunB ip xfrm policy add src $b_in dst $a_in dir out \
-			tmpl src $b_out dst $a_out proto esp spi $spi_rx mode tunnel &&
-		in_ns tunB ip xfrm policy add src $a_in dst $b_in dir in \
-			tmpl src $a_out dst $b_out proto esp spi $spi_tx mode tunnel &&
-		in_ns tunB ip xfrm policy add src $a_in dst $b_in dir fwd \
-			tmpl src $a_out dst $b_out proto esp spi $spi_tx mode tunnel
+			tmpl src $b_out dst $a_out proto esp spi $spi_rx mode tunnel || return
+	for dir in in fwd; do
+		in_ns tunB ip xfrm policy add src $a_in dst $b_in dir $dir \
+			tmpl src $a_out dst $b_out proto esp spi $spi_tx mode tunnel || return
+	done
 }
 
-# Side A through the library only: the SA pair from the modem's
-# configuration, then the output policy and the input and forward policies.
+# Side A through the library only.
 setup_side_a() {
 	{
 		printf 'local = %s\ndest = %s\nprotocol = esp\nmode = tunnel\n' $a_out $b_out
@@ -136,7 +112,7 @@ setup_side_a() {
 		printf 'hash_algo = 6\nhash_key_tx = %s\nhash_key_rx = %s\n' $auth_tx $auth_rx
 		[[ $1 == encap ]] && printf 'udp_encap = 1\nudp_encap_port = 4500\n'
 	} >"$work/sa.conf"
-	[[ $show == --show ]] && sed 's/^/    /' "$work/sa.conf"
+	view tunA cat "$work/sa.conf"
 	lib xfrm_add_states "$work/sa.conf" 0 0 0 &&
 		lib xfrm_add_policies $a_out $b_out $spi_tx $spi_rx esp tunnel $a_in $b_in - tx &&
 		lib xfrm_add_policies $a_out $b_out $spi_tx $spi_rx esp tunnel $b_in $a_in - rx
@@ -144,23 +120,16 @@ setup_side_a() {
 
 teardown_side_a() {
 	lib xfrm_remove_states $a_out $b_out $spi_tx $spi_rx esp tunnel &&
-		lib xfrm_remove_policies $a_in $b_in - tx &&
-		lib xfrm_remove_policies $b_in $a_in - rx
-}
-
-show() {
-	[[ $show == --show ]] || return 0
-	printf '[%s]$ %s\n' "${1#tun}" "${*:2}"
-	ip netns exec "$@" 2>&1 | sed 's/^/    /'
+		lib xfrm_remove_policies $a_in $b_in - tx && lib xfrm_remove_policies $b_in $a_in - rx
 }
 
 for variant in esp encap; do
-	[[ $show == --show ]] && printf '\n\033[1m== Tunnel, %s\033[0m\n' \
+	[[ $show == --show ]] && printf '\n\033[1m== Tunnel: %s\033[0m\n' \
 		"$([[ $variant == esp ]] && echo "ESP" || echo "ESP in UDP, port 4500 on both sides")"
-	ip netns del tunA 2>/dev/null
-	ip netns del tunB 2>/dev/null
+	reset
 	check "$variant: namespaces joined by a veth pair" setup_namespaces
 	if [[ $variant == encap ]]; then
+		rm -f "$work"/holder-*
 		for ns in tunA tunB; do
 			ip netns exec $ns "$holder" 4500 120 >"$work/holder-$ns" 2>&1 &
 			holders+=($!)
@@ -169,24 +138,19 @@ for variant in esp encap; do
 	fi
 	check "$variant: side B through iproute2" setup_side_b $variant
 	check "$variant: side A through the library" setup_side_a $variant
-	show tunA ip xfrm state
-	show tunA ip xfrm policy
+	view tunA ip xfrm state
+	view tunA ip xfrm policy
 	before=$(counters)
-	check "$variant: ping through the tunnel" ping_b
+	check "$variant: ping through the tunnel" in_ns tunA ping -c 3 -W 2 $b_in
 	after=$(counters)
-	check "$variant: the counters of all four SAs grew ($before -> $after)" all_grew "$before" "$after"
-	show tunA ip -s xfrm state
+	check "$variant: the counters of all four SAs grew ($before-> $after)" all_grew "$before" "$after"
+	view tunA ip -s xfrm state
 	check "$variant: side A torn down through the library" teardown_side_a
-	check "$variant: no SA left on side A" is_empty state
-	check "$variant: no policy left on side A" is_empty policy
-	before=$(ip -n tunB -s xfrm state | sed -n 's/.*, \([0-9]*\)(packets).*/\1/p' | tr '\n' ' ')
-	check "$variant: ping no longer passes" no_ping_b
-	check "$variant: side B's SAs saw nothing more" \
-		test "$before" = "$(ip -n tunB -s xfrm state | sed -n 's/.*, \([0-9]*\)(packets).*/\1/p' | tr '\n' ' ')"
-	for pid in "${holders[@]}"; do
-		kill "$pid" 2>/dev/null
-	done
-	holders=()
+	check "$variant: no SA and no policy left on side A" \
+		test -z "$(ip -n tunA xfrm state)$(ip -n tunA xfrm policy)"
+	before=$(packets tunB)
+	check "$variant: ping no longer passes" eval "! in_ns tunA ping -c 2 -W 1 $b_in"
+	check "$variant: side B's SAs saw nothing more" test "$before" = "$(packets tunB)"
 done
 
 echo "tunnel: $passed passed, $failed failed"

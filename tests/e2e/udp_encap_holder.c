@@ -10,7 +10,6 @@
 #include <netinet/udp.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,28 +19,18 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: udp_encap_holder PORT SECONDS\n");
         return 2;
     }
-    const int port = atoi(argv[1]);
-    unsigned seconds = (unsigned)atoi(argv[2]);
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    if (fd < 0) {
-        perror("udp_encap_holder: socket");
-        return 1;
-    }
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_port = htons((uint16_t)port);
+    struct sockaddr_in address = {.sin_family = AF_INET, .sin_port = htons((uint16_t)atoi(argv[1]))};
     const int encap = UDP_ENCAP_ESPINUDP;
-    if (bind(fd, (const struct sockaddr *)&address, sizeof address) != 0 ||
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0 || bind(fd, (const struct sockaddr *)&address, sizeof address) != 0 ||
         setsockopt(fd, IPPROTO_UDP, UDP_ENCAP, &encap, sizeof encap) != 0) {
         perror("udp_encap_holder");
-        close(fd);
         return 1;
     }
     printf("ready\n");
     fflush(stdout);
-    while (seconds > 0)
-        seconds = sleep(seconds);
+    for (unsigned left = (unsigned)atoi(argv[2]); left > 0;)
+        left = sleep(left);
     close(fd);
     return 0;
 }
