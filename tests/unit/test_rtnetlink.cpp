@@ -1,11 +1,7 @@
-// Route and traffic control against the fake kernel: the bytes of every
-// request, results, log texts and the sinks they reach.
+// Route and traffic control against the fake kernel: request bytes, results, log texts and their sinks.
 #include <linux/fib_rules.h>
-#include <linux/if_addr.h>
-#include <linux/if_link.h>
 #include <linux/pkt_sched.h>
-#include <linux/rtnetlink.h>
-#include <unistd.h>
+#include <linux/rtnetlink.h>  // with if_addr.h and if_link.h
 
 #include <cerrno>
 #include <functional>
@@ -17,376 +13,188 @@ namespace {
 
 using fk::bytes;
 using fk::operator+;
-using fk::u32_bytes;
 using P = fk::socket_plan;
+using Call = std::function<int()>;
+constexpr uint32_t kRoot = TC_H_ROOT, F = 0xffffffff /* lifetime: forever */;
+constexpr auto qdisc = tavrel_rtnetlink_tc_qdisc;
+constexpr auto prio = tavrel_rtnetlink_tc_prio;
+constexpr auto flow = tavrel_rtnetlink_flow_control;
 
-constexpr uint32_t kRoot = 0xffffffff;
+template <typename T>
+bytes raw(const T &v) { return bytes(reinterpret_cast<const uint8_t *>(&v), reinterpret_cast<const uint8_t *>(&v + 1)); }
+const nlmsghdr *as_message(const bytes &b) { return reinterpret_cast<const nlmsghdr *>(b.data()); }
+bytes u32(uint16_t type, uint32_t value) { return fk::attr(type, fk::u32_bytes(value)); }
 
-bytes nl_header(uint32_t len, uint16_t type, uint16_t flags)
+// A request as it must go out: the netlink header, its length counted, then the body.
+bytes request(uint16_t type, uint16_t flags, const bytes &body)
 {
-    bytes type_flags(4);
-    memcpy(type_flags.data(), &type, 2);
-    memcpy(type_flags.data() + 2, &flags, 2);
-    return u32_bytes(len) + type_flags + u32_bytes(0) + u32_bytes(0);
+    return raw(nlmsghdr{static_cast<uint32_t>(NLMSG_HDRLEN + body.size()), type, flags, 0, 0}) + body;
 }
 
-bytes attr_u32(uint16_t type, uint32_t v) { return fk::attr(type, u32_bytes(v)); }
-
-// A fresh fake kernel and captured sinks; eth0 is interface 7.
-void fresh()
+// Rules are filled as struct rtmsg, whose protocol RTPROT_BOOT lands on res1.
+bytes rule_request(uint16_t type, uint16_t flags, uint8_t action, const bytes &attributes)
 {
+    return request(type, flags, raw(fib_rule_hdr{AF_INET, 0, 0, 0, 0, RTPROT_BOOT, 0, action, 0}) + attributes);
+}
+
+bytes address_request(uint16_t flags, const tavrel_ip_addr &a, uint8_t prefix, uint32_t preferred, uint32_t valid)
+{
+    const uint8_t family = a.family == 6 ? AF_INET6 : AF_INET, size = a.family == 6 ? 16 : 4;
+    return request(RTM_NEWADDR, flags, raw(ifaddrmsg{family, prefix, 0, 0, 7}) +
+                                           fk::attr(IFA_LOCAL, bytes(a.addr, a.addr + size)) +
+                                           fk::attr(IFA_CACHEINFO, raw(ifa_cacheinfo{preferred, valid, 0, 0})));
+}
+
+// tcmsg and TCA_KIND; for the prio qdiscs also TCA_OPTIONS: bands, priomap
+// and the flow-enable byte, then an empty nest of the same type.
+bytes tc(uint16_t type, uint16_t flags, int ifindex, uint32_t parent, uint32_t handle, const std::string &kind,
+         int bands = 0, uint8_t flow_enable = 0)
+{
+    const bytes priomap = bands == 5 ? bytes{3, 4, 4, 4, 3, 4, 2, 2, 4, 3, 2, 1, 0, 0, 0, 0}
+                                     : bytes{1, 2, 2, 2, 1, 2, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1};
+    const bytes options = raw(bands) + priomap + bytes{flow_enable, 0, 0, 0} + fk::attr(TCA_OPTIONS, {});
+    return request(type, flags, raw(tcmsg{AF_UNSPEC, 0, 0, ifindex, handle, parent, 0}) +
+                                    fk::attr(TCA_KIND, fk::str_bytes(kind)) +
+                                    (bands != 0 ? fk::attr(TCA_OPTIONS, options) : bytes{}));
+}
+
+struct row {
+    Call call;
+    bytes sent;  // the one request sent, if any
+    lines own;   // this file's functions' lines, descriptor lines aside; a trailing "errno " stands for any number
+    int result = 0;
+    P plan = P().reply(fk::ack(0));
+};
+
+// Runs one row with eth0 as interface 7. Of this file's lines only addr_cfg's and the descriptor lines reach the log
+// file. The route socket (no extended acknowledgement) logs its descriptor, reads 36 bytes, closes and logs all but 0.
+void check(const row &c, long index)
+{
+    SCOPED_TRACE(index);
     fk::reset();
     logcap::start();
     fk::set_interface("eth0", 7);
-}
-
-const fk::socket_record &only_socket()
-{
-    EXPECT_EQ(fk::sockets().size(), 1u);
-    return fk::sockets().front();
-}
-
-std::string last_diag()
-{
-    const lines l = logcap::diag_lines();
-    return l.empty() ? "" : l.back();
-}
-
-class Rules : public TavrelTest {};
-class InterfaceAddress : public TavrelTest {};
-class Qdisc : public TavrelTest {};
-class RouteSocket : public TavrelTest {};
-
-// ---- rules ---------------------------------------------------------------------
-
-bytes rule_request(uint16_t type, uint16_t flags, uint8_t rtm_type, const bytes &attrs)
-{
-    // struct rtmsg: AF_INET, lengths and tos 0, table 0, RTPROT_BOOT, scope 0, type.
-    const bytes family_header = {AF_INET, 0, 0, 0, 0, RTPROT_BOOT, 0, rtm_type, 0, 0, 0, 0};
-    return nl_header(static_cast<uint32_t>(28 + attrs.size()), type, flags) + family_header + attrs;
-}
-
-TEST_F(Rules, SentUnacknowledgedAndLoggedOnlyToDiagAndAndroid)
-{
-    const bytes match = attr_u32(FRA_PRIORITY, 1000) + attr_u32(FRA_FWMARK, 0x10) + attr_u32(FRA_FWMASK, 0) +
-                        attr_u32(FRA_TABLE, 0xfffffffe);
-    const struct {
-        std::function<int()> call;
-        bytes expected;
-        std::string success, failure;
-    } cases[] = {
-        {[] { return tavrel_rtnetlink_add_ip_rule(0x10, 0, 0xfffffffe, 1000); },
-         rule_request(RTM_NEWRULE, 0x0601, RTN_UNICAST, match),
-         "tavrel_rtnetlink_add_ip_rule(): Successfully set up ip rule\n",
-         "tavrel_rtnetlink_add_ip_rule(): Failed to install ip rule\n"},
-        {[] { return tavrel_rtnetlink_del_ip_rule(0x10, 0, 0xfffffffe, 1000); },
-         rule_request(RTM_DELRULE, 0x0001, RTN_UNSPEC, match),
-         "tavrel_rtnetlink_del_ip_rule(): Successfully removed ip rule\n",
-         "tavrel_rtnetlink_del_ip_rule(): Failed to remove ip rule\n"},
-        {[] { return tavrel_rtnetlink_del_ip_rule_by_prio(0); },
-         rule_request(RTM_DELRULE, 0x0001, RTN_UNSPEC, attr_u32(FRA_PRIORITY, 0)),
-         "tavrel_rtnetlink_del_ip_rule_by_prio(): Successfully removed ip rule\n",
-         "tavrel_rtnetlink_del_ip_rule_by_prio(): Failed to remove ip rule\n"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.success);
-        fresh();
-        ASSERT_EQ(c.call(), 0);
-        const auto &s = only_socket();
-        EXPECT_EQ(s.protocol, NETLINK_ROUTE);
-        EXPECT_EQ(s.sent, std::vector<bytes>{c.expected});
-        EXPECT_TRUE(s.recv_sizes.empty()) << "no answer may be waited for";
-        EXPECT_EQ(last_diag(), "LOW " + c.success);
-        logcap::expect_sinks_agree({c.success});
-
-        for (const P &plan : {P().fail_socket(EMFILE), P().short_send(1)}) {
-            fresh();
-            fk::expect_socket() = plan;
-            EXPECT_EQ(c.call(), -1);
-            EXPECT_EQ(last_diag(), "ERR " + c.failure);
-            EXPECT_EQ(logcap::sinks_of(c.failure), logcap::NO_FILE);
-            EXPECT_EQ(fk::open_descriptors(), 0);
-        }
+    fk::expect_socket() = c.plan;
+    EXPECT_EQ(c.call(), c.result);
+    const std::string tx = "LOW tavrel_rtnetlink_transaction(): ";
+    lines own, no_file, descriptors, expected_descriptors;
+    std::vector<bytes> sent;  // all sockets' requests
+    for (const auto &s : fk::sockets()) {
+        EXPECT_EQ(s.closed, s.fd > 0) << "descriptor " << s.fd;
+        EXPECT_EQ(std::make_tuple(s.protocol, s.type, s.bind_length, s.bind_address.nl_family,
+                                  s.bind_address.nl_pid | s.bind_address.nl_groups),
+                  std::make_tuple(NETLINK_ROUTE, SOCK_RAW | SOCK_CLOEXEC, s.bound ? 12u : 0u, s.bound ? AF_NETLINK : 0, 0u));
+        EXPECT_TRUE(s.ext_ack_requested || s.recv_sizes.empty() || s.recv_sizes == std::vector<size_t>{36});
+        sent.insert(sent.end(), s.sent.begin(), s.sent.end());
+        for (const std::string event : {"opened", "closing"})
+            if (!s.ext_ack_requested && (event == "opened" || s.fd > 0))
+                expected_descriptors.push_back(tx + event + " file descriptor " + fd_text(s.fd) + "\n");
     }
-}
-
-// ---- interface address and GSO limit ---------------------------------------------
-
-bytes cacheinfo(uint32_t preferred, uint32_t valid)
-{
-    return fk::attr(IFA_CACHEINFO, u32_bytes(preferred) + u32_bytes(valid) + u32_bytes(0) + u32_bytes(0));
-}
-
-TEST_F(InterfaceAddress, OperationsSetReplaceAndLifetimes)
-{
-    constexpr uint32_t forever = 0xffffffff;
-    const struct {
-        uint32_t operation;
-        bool replace;
-        uint32_t preferred, valid;
-    } cases[] = {
-        {0, false, forever, forever}, {1, true, 0, 600},          {2, true, forever, forever},
-        {3, false, 0, 600},           {4, true, forever, forever}, {5, true, forever, forever},
-        {7, true, forever, forever},  {0xffffffff, true, forever, forever},
-    };
-    const tavrel_ip_addr v4{4, 0, {10, 1, 0, 1}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.operation);
-        fresh();
-        fk::expect_socket() = P().reply(fk::ack(0));
-        // Only the low 8 bits of the prefix length are sent.
-        ASSERT_EQ(tavrel_rtnetlink_addr_cfg("eth0", &v4, 0x118, c.operation, 600), 0);
-        const bytes expected = nl_header(52, RTM_NEWADDR, c.replace ? 0x0105 : 0x0005) + bytes{AF_INET, 24, 0, 0} +
-                               u32_bytes(7) + fk::attr(IFA_LOCAL, {10, 1, 0, 1}) + cacheinfo(c.preferred, c.valid);
-        EXPECT_EQ(only_socket().sent.at(0), expected);
+    EXPECT_EQ(sent, c.sent.empty() ? std::vector<bytes>{} : std::vector<bytes>{c.sent});
+    for (const std::string &l : logcap::diag_lines()) {
+        const std::string text = l.substr(l.find(' ') + 1);
+        if (text.rfind("tavrel_rtnetlink_", 0) != 0)
+            continue;
+        const bool descriptor = text.find(" file descriptor ") != std::string::npos;
+        (descriptor ? descriptors : own).push_back(l);
+        if (!descriptor && text.rfind("tavrel_rtnetlink_addr_cfg(", 0) != 0)
+            no_file.push_back(text);
     }
-
-    fresh();
-    fk::expect_socket() = P().reply(fk::ack(0));
-    const tavrel_ip_addr v6{6, 0, {0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}};
-    ASSERT_EQ(tavrel_rtnetlink_addr_cfg("eth0", &v6, 64, 3, 30), 0);
-    const bytes expected = nl_header(64, RTM_NEWADDR, 0x0005) + bytes{AF_INET6, 64, 0, 0} + u32_bytes(7) +
-                           fk::attr(IFA_LOCAL, bytes(v6.addr, v6.addr + 16)) + cacheinfo(0, 30);
-    EXPECT_EQ(only_socket().sent.at(0), expected);
+    for (size_t i = 0; i < own.size() && i < c.own.size(); i++)
+        if (c.own[i].back() == ' ' && own[i].find_first_not_of("0123456789", c.own[i].size()) == std::string::npos)
+            own[i].resize(c.own[i].size());
+    EXPECT_EQ(own, c.own);
+    EXPECT_EQ(descriptors, expected_descriptors);
+    logcap::expect_sinks_agree(no_file);
+    fk::reset();
 }
 
-TEST_F(InterfaceAddress, GsoLimitIsSentUnchecked)
-{
-    fk::expect_socket() = P().reply(fk::ack(0));
-    fk::set_interface("eth0", 3);
-    ASSERT_EQ(tavrel_rtnetlink_gso_max_size("eth0", 0), 0);
-    // ifinfomsg: family, pad, type, index, flags, change.
-    const bytes expected = nl_header(40, RTM_NEWLINK, 0x0005) + bytes{0, 0, 0, 0} + u32_bytes(3) + u32_bytes(0) +
-                           u32_bytes(0) + attr_u32(IFLA_GSO_MAX_SIZE, 0);
-    EXPECT_EQ(only_socket().sent.at(0), expected);
-    const std::string line = "tavrel_rtnetlink_gso_max_size(): configured gso max size 0 for dev eth0\n";
-    EXPECT_EQ(last_diag(), "LOW " + line);
-    logcap::expect_sinks_agree({line});
-}
+class Rtnetlink : public TavrelTest {};
 
-TEST_F(InterfaceAddress, FailuresAndTheirSinks)
+TEST_F(Rtnetlink, RequestsResultsAndMessages)
 {
-    const tavrel_ip_addr v4{4, 4, {10, 1, 0, 1}};
-    const tavrel_ip_addr bad{5, 4, {10, 1, 0, 1}};
-    const struct {
-        std::function<int()> call;
-        bool kernel_refuses;
-        std::string line;
-        unsigned sinks;
-    } cases[] = {
+    const tavrel_ip_addr v4{4, 4, {10, 1, 0, 1}}, bad{5, 4, {10, 1, 0, 1}};
+    const tavrel_ip_addr v6{6, 16, {0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}};
+    auto cfg = [&](uint32_t operation) -> Call {  // only the low 8 bits of the prefix length go out
+        return [&, operation] { return tavrel_rtnetlink_addr_cfg("eth0", &v4, 0x118, operation, 600); };
+    };
+    const Call add = [] { return tavrel_rtnetlink_add_ip_rule(0x10, 0, 0xfffffffe, 1000); },
+               del = [] { return tavrel_rtnetlink_del_ip_rule(0x10, 0, 0xfffffffe, 1000); },
+               by_prio = [] { return tavrel_rtnetlink_del_ip_rule_by_prio(0); },
+               gso_eth0 = [] { return tavrel_rtnetlink_gso_max_size("eth0", 0); },
+               pfifo = [] { return qdisc("eth0", "pfifo", 0, 0x10000, 0); };
+    const bytes match = u32(FRA_PRIORITY, 1000) + u32(FRA_FWMARK, 0x10) + u32(FRA_FWMASK, 0) + u32(FRA_TABLE, 0xfffffffe);
+    const bytes add_rule = rule_request(RTM_NEWRULE, 0x0601, FR_ACT_TO_TBL, match),
+                del_rule = rule_request(RTM_DELRULE, 0x0001, FR_ACT_UNSPEC, match),
+                del_prio = rule_request(RTM_DELRULE, 0x0001, FR_ACT_UNSPEC, u32(FRA_PRIORITY, 0)),
+                gso = request(RTM_NEWLINK, 0x0005, raw(ifinfomsg{AF_UNSPEC, 0, 0, 7, 0, 0}) + u32(IFLA_GSO_MAX_SIZE, 0)),
+                pfifo_add = tc(RTM_NEWQDISC, 0x0605, 7, kRoot, 0x10000, "pfifo");
+    const std::string fn = "tavrel_rtnetlink_", kind(495, 'k'), invalid = "(): tc qdisc invalid flag operation",
+                      cfg_ = "ERR tavrel_rtnetlink_addr_cfg(): ", gso_ = "tavrel_rtnetlink_gso_max_size(): ",
+                      sending = "LOW tavrel_rtnetlink_flow_control(): sending nlmsg \"tc qdisc ",
+                      tx = "ERR tavrel_rtnetlink_transaction(): ",
+                      nothing = "invalid parameter failed![2:No such file or directory]",
+                      failed = "ERR tavrel_rtnetlink_tc_qdisc(): tc qdisc transaction failed!";
+    const row rows[] = {
+        // Rules go without NLM_F_ACK: a whole send is success.
+        {add, add_rule, {"LOW " + fn + "add_ip_rule(): Successfully set up ip rule\n"}, 0, P()},
+        {add, add_rule, {"ERR " + fn + "add_ip_rule(): Failed to install ip rule\n"}, -1, P().short_send(1)},
+        {del, del_rule, {"LOW " + fn + "del_ip_rule(): Successfully removed ip rule\n"}, 0, P()},
+        {del, del_rule, {"ERR " + fn + "del_ip_rule(): Failed to remove ip rule\n"}, -1, P().short_send(1)},
+        {by_prio, del_prio, {"LOW " + fn + "del_ip_rule_by_prio(): Successfully removed ip rule\n"}, 0, P()},
+        {by_prio, del_prio, {"ERR " + fn + "del_ip_rule_by_prio(): Failed to remove ip rule\n"}, -1, P().short_send(1)},
+        // Only 0 and 3 add without replacing; only 1 and 3 use the lifetime.
+        {cfg(0), address_request(0x0005, v4, 24, F, F), {}}, {cfg(1), address_request(0x0105, v4, 24, 0, 600), {}},
+        {cfg(2), address_request(0x0105, v4, 24, F, F), {}}, {cfg(3), address_request(0x0005, v4, 24, 0, 600), {}},
+        {cfg(5), address_request(0x0105, v4, 24, F, F), {}},
+        {[&] { return tavrel_rtnetlink_addr_cfg("eth0", &v6, 64, 3, 30); }, address_request(0x0005, v6, 64, 0, 30), {}},
         // The interface is resolved before the record is looked at.
-        {[&] { return tavrel_rtnetlink_addr_cfg("nope", &bad, 24, 0, 0); }, false,
-         "tavrel_rtnetlink_addr_cfg(): no such device nope\n", logcap::ALL_SINKS},
-        {[&] { return tavrel_rtnetlink_addr_cfg("eth0", &bad, 24, 0, 0); }, false,
-         "tavrel_rtnetlink_addr_cfg(): invalid addr family 5\n", logcap::ALL_SINKS},
-        {[&] { return tavrel_rtnetlink_addr_cfg("eth0", &v4, 24, 0, 0); }, true,
-         "tavrel_rtnetlink_addr_cfg(): configuring address failed\n", logcap::ALL_SINKS},
-        {[] { return tavrel_rtnetlink_gso_max_size("nope", 1); }, false,
-         "tavrel_rtnetlink_gso_max_size(): no such device nope\n", logcap::NO_FILE},
-        {[] { return tavrel_rtnetlink_gso_max_size("eth0", 1); }, true,
-         "tavrel_rtnetlink_gso_max_size(): configuring gso max size failed for dev eth0\n", logcap::NO_FILE},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.line);
-        fresh();
-        if (c.kernel_refuses)
-            fk::expect_socket() = P().reply(fk::ack(-EEXIST));
-        EXPECT_EQ(c.call(), -1);
-        EXPECT_EQ(fk::sockets().size(), c.kernel_refuses ? 1u : 0u);
-        EXPECT_EQ(last_diag(), "ERR " + c.line);
-        EXPECT_EQ(logcap::sinks_of(c.line), c.sinks);
-    }
-}
-
-// ---- traffic control ---------------------------------------------------------------
-
-bytes tc_request(uint32_t len, uint16_t type, uint16_t flags, uint32_t ifindex, uint32_t parent, uint32_t handle,
-                 const std::string &kind, const bytes &options = {})
-{
-    return nl_header(len, type, flags) + bytes{0, 0, 0, 0} + u32_bytes(ifindex) + u32_bytes(handle) +
-           u32_bytes(parent) + u32_bytes(0) + fk::attr(TCA_KIND, fk::str_bytes(kind)) + options;
-}
-
-// The prio record with its flow-enable byte, then an empty TCA_OPTIONS nest.
-bytes prio_options(uint32_t bands, const bytes &priomap, uint8_t flow_enable)
-{
-    return fk::attr(TCA_OPTIONS, u32_bytes(bands) + priomap + bytes{flow_enable, 0, 0, 0} + bytes{4, 0, 2, 0});
-}
-
-const bytes flow_map = {1, 2, 2, 2, 1, 2, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1};
-const bytes prio_map = {3, 4, 4, 4, 3, 4, 2, 2, 4, 3, 2, 1, 0, 0, 0, 0};
-
-TEST_F(Qdisc, Requests)
-{
-    const std::string flow = "tavrel_rtnetlink_flow_control(): sending nlmsg \"tc qdisc ";
-    const struct {
-        std::function<int()> call;
-        bytes expected;
-        std::string log;  // the function's own line, if any
-    } cases[] = {
-        {[] { return tavrel_rtnetlink_tc_qdisc("eth0", "pfifo", 0, 0x10000, 0); },
-         tc_request(48, RTM_NEWQDISC, 0x0605, 7, kRoot, 0x10000, "pfifo"), ""},
-        {[] { return tavrel_rtnetlink_tc_qdisc("eth0", "abcdefghij", 0x10001, 0x20000, 1); },
-         tc_request(52, RTM_DELQDISC, 0x0005, 7, 0x10001, 0x20000, "abcdefghij"), ""},
-        // An unknown interface goes on as index 0.
-        {[] { return tavrel_rtnetlink_tc_qdisc("nope", "pfifo", 0, 0, 0); },
-         tc_request(48, RTM_NEWQDISC, 0x0605, 0, kRoot, 0, "pfifo"), ""},
-        {[] { return tavrel_rtnetlink_tc_prio("eth0", 0, 0x10000, 0); },
-         tc_request(80, RTM_NEWQDISC, 0x0605, 7, kRoot, 0x10000, "prio", prio_options(5, prio_map, 1)), ""},
-        {[] { return tavrel_rtnetlink_tc_prio("eth0", 0x10000, 0x20000, 1); },
-         tc_request(48, RTM_DELQDISC, 0x0005, 7, 0x10000, 0x20000, "prio"), ""},
-        {[] { return tavrel_rtnetlink_flow_control("eth0", 0, 0x10000, 1, 0); },
-         tc_request(80, RTM_NEWQDISC, 0x0605, 7, kRoot, 0x10000, "prio", prio_options(3, flow_map, 1)),
-         flow + "add dev eth0 parent:0xffffffff hndl:0x10000 prio flow enable"},
-        {[] { return tavrel_rtnetlink_flow_control("eth0", 0, 0x10000, 0, 2); },
-         tc_request(80, RTM_NEWQDISC, 0x0005, 7, kRoot, 0x10000, "prio", prio_options(3, flow_map, 0)),
-         flow + "change dev eth0 parent:0xffffffff hndl:0x10000 prio flow disable"},
+        {[&] { return tavrel_rtnetlink_addr_cfg("nope", &bad, 24, 0, 0); }, {}, {cfg_ + "no such device nope\n"}, -1},
+        {[&] { return tavrel_rtnetlink_addr_cfg("eth0", &bad, 24, 0, 0); }, {}, {cfg_ + "invalid addr family 5\n"}, -1},
+        {cfg(0), address_request(0x0005, v4, 24, F, F), {cfg_ + "configuring address failed\n"}, -1,
+         P().reply(fk::ack(-EEXIST))},
+        {gso_eth0, gso, {"LOW " + gso_ + "configured gso max size 0 for dev eth0\n"}},
+        {[] { return tavrel_rtnetlink_gso_max_size("nope", 0); }, {}, {"ERR " + gso_ + "no such device nope\n"}, -1},
+        {gso_eth0, gso, {"ERR " + gso_ + "configuring gso max size failed for dev eth0\n"}, -1, P().reply(fk::ack(-EINVAL))},
+        // An unknown interface goes on as index 0; the kind may fill its room.
+        {[&] { return qdisc("nope", kind.c_str(), 0, 0, 1); }, tc(RTM_DELQDISC, 0x0005, 0, kRoot, 0, kind), {}},
+        {[] { return prio("eth0", 0, 0x10000, 0); }, tc(RTM_NEWQDISC, 0x0605, 7, kRoot, 0x10000, "prio", 5, 1), {}},
+        {[] { return prio("eth0", 0x10000, 0x20000, 1); }, tc(RTM_DELQDISC, 0x0005, 7, 0x10000, 0x20000, "prio"), {}},
+        {[] { return flow("eth0", 0, 0x10000, 1, 0); }, tc(RTM_NEWQDISC, 0x0605, 7, kRoot, 0x10000, "prio", 3, 1),
+         {sending + "add dev eth0 parent:0xffffffff hndl:0x10000 prio flow enable"}},
+        {[] { return flow("eth0", 0, 0x10000, 0, 2); }, tc(RTM_NEWQDISC, 0x0005, 7, kRoot, 0x10000, "prio", 3, 0),
+         {sending + "change dev eth0 parent:0xffffffff hndl:0x10000 prio flow disable"}},
         // Only the low byte of enable is sent; the word reflects the whole value.
-        {[] { return tavrel_rtnetlink_flow_control("eth0", 0x30000, 0x10000, 0x100, 0); },
-         tc_request(80, RTM_NEWQDISC, 0x0605, 7, 0x30000, 0x10000, "prio", prio_options(3, flow_map, 0)),
-         flow + "add dev eth0 parent:0x30000 hndl:0x10000 prio flow enable"},
-        {[] { return tavrel_rtnetlink_flow_control("eth0", 0, 0x10000, 1, 1); },
-         tc_request(48, RTM_DELQDISC, 0x0005, 7, kRoot, 0x10000, "prio"),
-         flow + "delete dev eth0 parent:0xffffffff hndl:0x10000 prio flow enable"},
+        {[] { return flow("eth0", 0x30000, 0x10000, 0x100, 0); }, tc(RTM_NEWQDISC, 0x0605, 7, 0x30000, 0x10000, "prio", 3, 0),
+         {sending + "add dev eth0 parent:0x30000 hndl:0x10000 prio flow enable"}},
+        {[] { return flow("eth0", 0, 0x10000, 1, 1); }, tc(RTM_DELQDISC, 0x0005, 7, kRoot, 0x10000, "prio"),
+         {sending + "delete dev eth0 parent:0xffffffff hndl:0x10000 prio flow enable"}},
+        // Refused before any socket.
+        {[] { return qdisc(nullptr, "pfifo", 0, 0, 0); }, {}, {}, -1}, {[] { return prio(nullptr, 0, 0, 0); }, {}, {}, -1},
+        {[] { return qdisc("eth0", nullptr, 0, 0, 0); }, {}, {}, -1}, {[] { return flow(nullptr, 0, 0, 1, 0); }, {}, {}, -1},
+        {[] { return fk::set_interface("huge", 0x80000000u), flow("huge", 0, 0, 1, 0); }, {}, {}, -1},  // index < 0
+        {[] { return qdisc("eth0", "pfifo", 0, 0, 2); }, {}, {"ERR " + fn + "tc_qdisc" + invalid}, -1},
+        {[] { return prio("eth0", 0, 0, 2); }, {}, {"ERR " + fn + "tc_prio" + invalid}, -1},
+        {[] { return flow("nope", 0, 0, 1, 3); }, {}, {"ERR " + fn + "flow_control" + invalid}, -1},
+        {[] { return flow("eth0", 0, 0, 1, -1); }, {}, {"ERR " + fn + "flow_control" + invalid}, -1},
+        {[] { return errno = ENOENT, tavrel_rtnetlink_transaction(nullptr, 16); }, {}, {tx + nothing}, -1},
+        {[&] { return errno = ENOENT, tavrel_rtnetlink_transaction(as_message(pfifo_add), 0); }, {}, {tx + nothing}, -1},
+        // The route socket's answers: one acknowledgement, of which only 36 bytes are read.
+        {pfifo, pfifo_add, {}, 0, P().short_send(8).reply(fk::ack(0))},  // not noticed
+        {pfifo, pfifo_add, {tx + "netlink message error rc:-22 (Unknown error -22)", failed}, -1,
+         P().reply(fk::ack(-EINVAL, pfifo_add))},
+        {pfifo, pfifo_add, {tx + "route nl recv failed! rc:20 errno ", failed}, -1,
+         P().reply(fk::datagram({{NLMSG_ERROR, 0, bytes(4)}}))},
+        {pfifo, pfifo_add, {tx + "route nl recv failed! rc:-1 errno 104", failed}, -1, P().fail_recv(ECONNRESET)},
+        {pfifo, pfifo_add, {failed}, -1, P().reply(fk::datagram({{RTM_NEWQDISC, 0, bytes(20)}}))},
+        {pfifo, pfifo_add, {tx + "route nl send failed![105:No buffer space available]", failed}, -1, P().fail_send(ENOBUFS)},
+        {pfifo, {}, {tx + "route nl bind failed![98:Address already in use]", failed}, -1, P().fail_bind(EADDRINUSE)},
+        {pfifo, {}, {tx + "route nl socket creation failed![24:Too many open files]", failed}, -1, P().fail_socket(EMFILE)},
+        {pfifo, pfifo_add, {}, 0, P().fd(0).reply(fk::ack(0))},  // descriptor 0 stays open, and unlogged
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(::testing::PrintToString(c.expected));
-        fresh();
-        fk::expect_socket() = P().reply(fk::ack(0));
-        ASSERT_EQ(c.call(), 0);
-        const auto &s = only_socket();
-        EXPECT_EQ(s.type, SOCK_RAW | SOCK_CLOEXEC);
-        EXPECT_EQ(s.protocol, NETLINK_ROUTE);
-        EXPECT_FALSE(s.ext_ack_requested);
-        EXPECT_EQ(s.bind_length, 12u);
-        EXPECT_EQ(s.bind_address.nl_family, AF_NETLINK);
-        EXPECT_EQ(s.bind_address.nl_pid | s.bind_address.nl_groups, 0u);
-        EXPECT_EQ(s.sent, std::vector<bytes>{c.expected});
-        EXPECT_EQ(s.recv_sizes, std::vector<size_t>{36});
-        const std::string fd = fd_text(s.fd);
-        lines expected = {"LOW tavrel_rtnetlink_transaction(): opened file descriptor " + fd + "\n",
-                          "LOW tavrel_rtnetlink_transaction(): closing file descriptor " + fd + "\n"};
-        if (!c.log.empty())
-            expected.insert(expected.begin(), "LOW " + c.log);
-        EXPECT_EQ(logcap::diag_lines(), expected);
-        logcap::expect_sinks_agree({c.log});
-    }
-}
-
-TEST_F(Qdisc, RefusalsBeforeAnySocket)
-{
-    const struct {
-        std::function<int()> call;
-        std::string line;  // empty: refused silently
-    } cases[] = {
-        {[] { return tavrel_rtnetlink_tc_qdisc(nullptr, "pfifo", 0, 0, 0); }, ""},
-        {[] { return tavrel_rtnetlink_tc_qdisc("eth0", nullptr, 0, 0, 0); }, ""},
-        {[] { return tavrel_rtnetlink_tc_prio(nullptr, 0, 0, 0); }, ""},
-        {[] { return tavrel_rtnetlink_flow_control(nullptr, 0, 0, 1, 0); }, ""},
-        {[] { return tavrel_rtnetlink_flow_control("huge", 0, 0, 1, 0); }, ""},  // index above INT_MAX
-        {[] { return tavrel_rtnetlink_tc_qdisc("eth0", "pfifo", 0, 0, 2); },
-         "tavrel_rtnetlink_tc_qdisc(): tc qdisc invalid flag operation"},
-        {[] { return tavrel_rtnetlink_tc_prio("eth0", 0, 0, 2); },
-         "tavrel_rtnetlink_tc_prio(): tc qdisc invalid flag operation"},
-        {[] { return tavrel_rtnetlink_flow_control("nope", 0, 0, 1, 3); },
-         "tavrel_rtnetlink_flow_control(): tc qdisc invalid flag operation"},
-        {[] { return tavrel_rtnetlink_flow_control("eth0", 0, 0, 1, -1); },
-         "tavrel_rtnetlink_flow_control(): tc qdisc invalid flag operation"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.line);
-        fresh();
-        fk::set_interface("huge", 0x80000000u);
-        EXPECT_EQ(c.call(), -1);
-        EXPECT_TRUE(fk::sockets().empty());
-        EXPECT_EQ(logcap::diag_lines(), c.line.empty() ? lines{} : lines{"ERR " + c.line});
-        EXPECT_EQ(logcap::sinks_of(c.line), c.line.empty() ? 0u : logcap::NO_FILE);
-    }
-}
-
-TEST_F(Qdisc, KindFillsItsRoomOrStopsTheProcess)
-{
-    const std::string kind(495, 'k');
-    fk::expect_socket() = P().reply(fk::ack(0));
-    ASSERT_EQ(tavrel_rtnetlink_tc_qdisc("eth0", kind.c_str(), 0, 0, 0), 0);
-    EXPECT_EQ(only_socket().sent.at(0), tc_request(536, RTM_NEWQDISC, 0x0605, 0, kRoot, 0, kind));
-
-    const std::string too_long(496, 'k');
-    EXPECT_DEATH(tavrel_rtnetlink_tc_qdisc("eth0", too_long.c_str(), 0, 0, 0), "");
-}
-
-// ---- route-socket transaction ----------------------------------------------------------
-
-TEST_F(RouteSocket, AnswersAndFailures)
-{
-    const std::string tx = "ERR tavrel_rtnetlink_transaction(): ";
-    const bytes echoed = tc_request(48, RTM_NEWQDISC, 0x0605, 7, kRoot, 0, "pfifo");
-    const struct {
-        P plan;
-        int result;
-        std::string line;  // the transaction's error, if any; one ending in "errno " is followed by any number
-    } cases[] = {
-        {P().reply(fk::ack(0)), 0, ""},
-        {P().short_send(8).reply(fk::ack(0)), 0, ""},  // not noticed
-        // The refusal echoes the whole request; only 36 bytes are read.
-        {P().reply(fk::ack(-EINVAL, echoed)), -1, tx + "netlink message error rc:-22 (Unknown error -22)"},
-        {P().reply(fk::datagram({{NLMSG_ERROR, 0, bytes(4)}})), -1, tx + "route nl recv failed! rc:20 errno "},
-        {P().fail_recv(ECONNRESET), -1, tx + "route nl recv failed! rc:-1 errno 104"},
-        {P().reply(fk::datagram({{RTM_NEWQDISC, 0, bytes(20)}})), -1, ""},  // not an error message
-        {P().fail_bind(EADDRINUSE), -1, tx + "route nl bind failed![98:Address already in use]"},
-        {P().fail_send(ENOBUFS), -1, tx + "route nl send failed![105:No buffer space available]"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.line);
-        fresh();
-        fk::expect_socket() = c.plan;
-        EXPECT_EQ(tavrel_rtnetlink_tc_qdisc("eth0", "pfifo", 0, 0, 0), c.result);
-        EXPECT_TRUE(only_socket().closed);
-        const lines got = logcap::diag_lines();
-        // opened, [error], closing, [the caller's failure]
-        ASSERT_EQ(got.size(), 2u + !c.line.empty() + (c.result != 0)) << ::testing::PrintToString(got);
-        if (!c.line.empty()) {
-            const bool errno_tail = c.line.back() == ' ';
-            EXPECT_EQ(errno_tail ? got[1].substr(0, c.line.size()) : got[1], c.line);
-            EXPECT_EQ(got[1].find_first_not_of("0123456789", c.line.size()), std::string::npos) << got[1];
-            EXPECT_EQ(logcap::sinks_of(got[1].substr(4)), logcap::NO_FILE);
-        }
-        if (c.result != 0) {
-            EXPECT_EQ(got.back(), "ERR tavrel_rtnetlink_tc_qdisc(): tc qdisc transaction failed!");
-        }
-    }
-
-    // A socket that cannot be made is reported as descriptor -1 and not closed.
-    fresh();
-    fk::expect_socket() = P().fail_socket(EMFILE);
-    EXPECT_EQ(tavrel_rtnetlink_tc_prio("eth0", 0, 0, 1), -1);
-    EXPECT_EQ(logcap::diag_lines(), (lines{"LOW tavrel_rtnetlink_transaction(): opened file descriptor " +
-                                               fd_text(-1) + "\n",
-                                           tx + "route nl socket creation failed![24:Too many open files]",
-                                           "ERR tavrel_rtnetlink_tc_prio(): tc qdisc transaction failed!"}));
-}
-
-TEST_F(RouteSocket, LeavesDescriptorZeroOpen)
-{
-    fk::expect_socket() = P().fd(0).reply(fk::ack(0));
-    EXPECT_EQ(tavrel_rtnetlink_tc_qdisc("eth0", "pfifo", 0, 0, 0), 0);
-    EXPECT_FALSE(only_socket().closed);
-    EXPECT_EQ(logcap::diag_lines(),
-              lines{"LOW tavrel_rtnetlink_transaction(): opened file descriptor " + fd_text(0) + "\n"});
-    close(0);  // releases the fake descriptor only
-}
-
-TEST_F(RouteSocket, RefusesAMissingMessageBeforeAnySocket)
-{
-    const nlmsghdr message{16, RTM_NEWQDISC, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
-    errno = ENOENT;
-    EXPECT_EQ(tavrel_rtnetlink_transaction(nullptr, 16), -1);
-    errno = ENOENT;
-    EXPECT_EQ(tavrel_rtnetlink_transaction(&message, 0), -1);
-    const std::string line = "tavrel_rtnetlink_transaction(): invalid parameter failed![2:No such file or directory]";
-    EXPECT_EQ(logcap::diag_lines(), (lines{"ERR " + line, "ERR " + line}));
-    EXPECT_EQ(logcap::sinks_of(line), logcap::NO_FILE);
-    EXPECT_TRUE(fk::sockets().empty());
+    for (const row &r : rows)
+        check(r, &r - rows);
+    EXPECT_DEATH(qdisc("eth0", std::string(496, 'k').c_str(), 0, 0, 0), "");
 }
 
 }  // namespace
