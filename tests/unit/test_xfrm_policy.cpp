@@ -1,5 +1,4 @@
-// Removing a pair's SAs by dump, selectors from texts, and the tunnel and
-// bypass policies, against the fake kernel.
+// Removing a pair's SAs by dump, selectors from texts, and the tunnel and bypass policies, against the fake kernel.
 #include <arpa/inet.h>
 
 #include <functional>
@@ -11,388 +10,216 @@ using fk::operator+;
 
 namespace {
 
-tavrel_ip_addr ip(const char *text)
-{
-    tavrel_ip_addr a{};
-    if (inet_pton(AF_INET, text, a.addr) == 1)
-        a.family = a.length = 4;
-    else if (inet_pton(AF_INET6, text, a.addr) == 1)
-        a.family = 6, a.length = 16;
-    return a;
-}
-
-tavrel_xfrm_sa_addrs block(const char *local, const char *remote, uint32_t tx, uint32_t rx, uint8_t proto = 50,
-                           uint8_t mode = 1)
-{
-    return {ip(local), ip(remote), tx, rx, proto, mode};
-}
-
 template <typename T>
 fk::bytes as_bytes(const T &v)
 {
-    const auto *p = reinterpret_cast<const uint8_t *>(&v);
-    return fk::bytes(p, p + sizeof v);
+    return fk::bytes(reinterpret_cast<const uint8_t *>(&v), reinterpret_cast<const uint8_t *>(&v) + sizeof v);
 }
 
-xfrm_address_t xaddr(const char *text)
+// The daemon's record of an address text (all zero for none), and its 16 address bytes.
+tavrel_ip_addr ip(const char *text)
 {
-    xfrm_address_t a{};
-    if (text)
-        memcpy(&a, ip(text).addr, 16);
+    tavrel_ip_addr a{};
+    if (text && inet_pton(AF_INET, text, a.addr) == 1)
+        a.family = 4;
+    else if (text && inet_pton(AF_INET6, text, a.addr) == 1)
+        a.family = 6;
     return a;
 }
 
-// A dumped SA; its family follows the source text unless given.
-xfrm_usersa_info sa(const char *src, const char *dst, uint32_t spi, uint8_t proto = 50, int family = -1)
+fk::bytes addr(const char *text)
 {
-    xfrm_usersa_info e{};
-    e.saddr = xaddr(src);
-    e.id.daddr = xaddr(dst);
-    e.id.spi = htonl(spi);
-    e.id.proto = proto;
-    e.family = family >= 0 ? family : ip(src).family == 4 ? AF_INET : AF_INET6;
-    e.reqid = 7;
-    return e;
+    const tavrel_ip_addr a = ip(text);
+    return fk::bytes(a.addr, a.addr + sizeof a.addr);
 }
 
-fk::bytes delsa(const xfrm_usersa_info &e)
+// The kernel's structures field by field, padding included.
+// xfrm_selector: daddr, saddr, ports and masks, family, prefix lengths, proto, padding, ifindex, user.
+fk::bytes sel(const char *src, uint8_t plen_s, const char *dst, uint8_t plen_d, uint16_t family, uint8_t proto)
 {
-    struct {
-        nlmsghdr h;
-        xfrm_usersa_id id;
-        nlattr a;
-        xfrm_address_t saddr;
-    } r{};
-    r.h = {static_cast<uint32_t>(sizeof r), XFRM_MSG_DELSA, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
-    r.id.daddr = e.id.daddr;
-    r.id.spi = e.id.spi;
-    r.id.family = e.family;
-    r.id.proto = e.id.proto;
-    r.a = {static_cast<uint16_t>(sizeof r.a + sizeof r.saddr), XFRMA_SRCADDR};
-    r.saddr = e.saddr;
-    return as_bytes(r);
+    return addr(dst) + addr(src) + fk::bytes(8) + as_bytes(family) + fk::bytes{plen_d, plen_s, proto, 0, 0, 0} +
+           fk::bytes(8);
 }
 
-xfrm_selector sel(const char *src, uint8_t plen_s, const char *dst, uint8_t plen_d, uint16_t family, uint8_t proto)
+// xfrm_userpolicy_info: selector; no byte or packet limit, no expiry; current lifetime; priority,
+// index, dir, action, flags, share, padding. A tunnel policy (priority 100) has a template.
+fk::bytes newpolicy(uint8_t dir, uint32_t priority, const fk::bytes &sel, const fk::bytes &tmpl = {})
 {
-    xfrm_selector s{};
-    s.saddr = xaddr(src);
-    s.daddr = xaddr(dst);
-    s.prefixlen_s = plen_s;
-    s.prefixlen_d = plen_d;
-    s.family = family;
-    s.proto = proto;
-    return s;
+    const fk::bytes info = sel + fk::bytes(32, 0xff) + fk::bytes(64) + as_bytes(priority) + fk::bytes(4);
+    return fk::datagram({{XFRM_MSG_NEWPOLICY, NLM_F_REQUEST | NLM_F_ACK, info + fk::bytes{dir, 0, 0, 0, 0, 0, 0, 0} + tmpl}});
 }
 
-fk::bytes newpolicy(uint8_t dir, uint32_t priority, const xfrm_selector &s, const xfrm_user_tmpl *tmpl)
+// xfrm_user_tmpl: id (daddr, spi, proto, padding), family, padding, saddr, reqid, mode, share,
+// optional, padding, and every algorithm allowed.
+fk::bytes tmpl(const char *saddr, const char *daddr, uint32_t spi, uint8_t proto, uint16_t family, uint8_t mode)
 {
-    struct {
-        nlmsghdr h;
-        xfrm_userpolicy_info info;
-    } r{};
-    r.h = {static_cast<uint32_t>(sizeof r), XFRM_MSG_NEWPOLICY, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
-    r.info.sel = s;
-    r.info.lft.soft_byte_limit = r.info.lft.hard_byte_limit = XFRM_INF;
-    r.info.lft.soft_packet_limit = r.info.lft.hard_packet_limit = XFRM_INF;
-    r.info.priority = priority;
-    r.info.dir = dir;
-    if (tmpl)
-        r.h.nlmsg_len += NLA_HDRLEN + sizeof *tmpl;
-    return tmpl ? as_bytes(r) + fk::attr(XFRMA_TMPL, as_bytes(*tmpl)) : as_bytes(r);
+    return fk::attr(XFRMA_TMPL, addr(daddr) + as_bytes(htonl(spi)) + fk::bytes{proto, 0, 0, 0} + as_bytes(family) +
+                                    fk::bytes(2) + addr(saddr) + fk::bytes(4) + fk::bytes{mode, 0, 0, 0} + fk::bytes(12, 0xff));
 }
 
-fk::bytes delpolicy(uint8_t dir, const xfrm_selector &s)
+// xfrm_userpolicy_id: selector, index, dir, padding.
+fk::bytes delpolicy(uint8_t dir, const fk::bytes &sel)
 {
-    struct {
-        nlmsghdr h;
-        xfrm_userpolicy_id id;
-    } r{};
-    r.h = {static_cast<uint32_t>(sizeof r), XFRM_MSG_DELPOLICY, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
-    r.id.sel = s;
-    r.id.dir = dir;
-    return as_bytes(r);
+    return fk::datagram({{XFRM_MSG_DELPOLICY, NLM_F_REQUEST | NLM_F_ACK, sel + fk::bytes(4) + fk::bytes{dir, 0, 0, 0}}});
 }
 
-// The log lines of the XFRM functions at a level, without the transport's.
-lines xfrm_lines(const std::string &level = "")
-{
-    lines out;
-    for (const auto &l : logcap::diag_lines())
-        if (l.compare(0, level.size(), level) == 0 && l.find(" tavrel_xfrm_") != std::string::npos)
-            out.push_back(l);
-    return out;
-}
+// One call against a socket per acknowledgement code, after a dump socket when replies are given:
+// its result, its requests (all to NETLINK_XFRM) and the log lines of the tavrel_xfrm_ functions at
+// a level ("" for all), their names shortened by that prefix.
+struct xfrm_call {
+    std::function<int()> call;
+    std::vector<fk::bytes> dump;
+    std::vector<int32_t> acks;
+    int result;
+    std::vector<fk::bytes> requests;
+    const char *level;
+    std::string log;
+};
 
-// "LEVEL function(): text\n", or "LEVEL function():\t..text\n" for a field.
-std::string msg(const char *level, const char *function, const std::string &text)
+void check(const xfrm_call &c, long row)
 {
-    return std::string(level) + " " + function + "():" + (text.compare(0, 2, "..") == 0 ? "\t" : " ") + text + "\n";
-}
-
-void expect_acks(const std::vector<int32_t> &codes)
-{
-    for (int32_t code : codes)
+    SCOPED_TRACE("row " + std::to_string(row));
+    fk::reset();
+    logcap::start();
+    if (!c.dump.empty())
+        fk::expect_socket().replies = c.dump;
+    for (int32_t code : c.acks)
         fk::expect_socket().reply(fk::ack(code));
+    EXPECT_EQ(c.call(), c.result);
+    std::vector<fk::bytes> requests;
+    for (const auto &s : fk::sockets()) {
+        EXPECT_EQ(s.protocol, NETLINK_XFRM);
+        requests.insert(requests.end(), s.sent.begin(), s.sent.end());
+    }
+    EXPECT_EQ(requests, c.requests);
+    std::string log;
+    for (const auto &l : logcap::diag_lines())
+        if (l.compare(0, strlen(c.level), c.level) == 0 && l.find(" tavrel_xfrm_") != std::string::npos)
+            log += l.substr(0, l.find(' ') + 1) + l.substr(l.find(' ') + 13);
+    EXPECT_EQ(log, c.log);
+    logcap::expect_sinks_agree();
 }
 
-const fk::bytes kDumpRequest = as_bytes(nlmsghdr{16, XFRM_MSG_GETSA, NLM_F_REQUEST | NLM_F_DUMP, 0, 0});
-const char *const L = "192.0.2.1";
-const char *const R = "198.51.100.2";
-const tavrel_xfrm_sa_addrs kPair = block(L, R, 0x1000, 0x2000);
+const char *const L = "192.0.2.1", *const R = "198.51.100.2", *const V6 = "2001:db8::2";
 
 }  // namespace
 
 class XfrmRemove : public TavrelTest {};
 class XfrmPolicy : public TavrelTest {};
 
-TEST_F(XfrmRemove, WhichDumpedEntriesAreDeleted)
+TEST_F(XfrmRemove, DeletesThePairsEntriesOnly)
 {
-    const char *cb = "tavrel_xfrm_remove_state_cb";
-    const struct {
-        tavrel_xfrm_sa_addrs pair;
-        xfrm_usersa_info entry;
-        uint16_t type;
-        uint32_t len;  // nlmsg_len when not the true one
-        const char *level, *first_log;
-        bool deleted;
-    } cases[] = {
-        {kPair, sa(L, R, 0x1000), XFRM_MSG_NEWSA, 0, "HIGH", "removing TX XFRM state", true},
-        {kPair, sa(R, L, 0x2000), XFRM_MSG_NEWSA, 0, "HIGH", "removing RX XFRM state", true},
-        {block("2001:db8::1", "2001:db8::2", 5, 6, 51), sa("2001:db8::1", "2001:db8::2", 5, 51), XFRM_MSG_NEWSA, 0,
-         "HIGH", "removing TX XFRM state", true},
-        // Only protocol and SPI decide for a family that is neither IPv4 nor IPv6.
-        {kPair, sa("1.1.1.1", "2.2.2.2", 0x2000, 50, 0), XFRM_MSG_NEWSA, 0, "HIGH", "removing RX XFRM state", true},
-        {kPair, sa(R, L, 0x1000), XFRM_MSG_NEWSA, 0, "LOW", "ignoring non-matching TX address", false},
-        {kPair, sa(L, R, 0x2000), XFRM_MSG_NEWSA, 0, "LOW", "ignoring non-matching RX address", false},
+    struct sa { const char *src, *dst; uint32_t spi; uint8_t proto; uint16_t family; };
+    // A dumped xfrm_usersa_info: selector, id (daddr, spi, proto, padding), saddr, lifetimes, statistics,
+    // seq, reqid, family, mode, replay window, flags, padding.
+    const auto dumped = [](const sa &e, uint16_t type = XFRM_MSG_NEWSA, uint32_t len = 0) {
+        const fk::bytes id = addr(e.dst) + as_bytes(htonl(e.spi)) + fk::bytes{e.proto, 0, 0, 0};
+        const fk::bytes tail = fk::bytes(116) + as_bytes(e.family) + fk::bytes(10);
+        return fk::msg{type, NLM_F_MULTI, fk::bytes(56) + id + addr(e.src) + tail, len};
+    };
+    // Deleted by the entry's own key, xfrm_usersa_id (daddr, spi, family, proto, padding), and source.
+    const auto delsa = [](const sa &e) {
+        const fk::bytes id = addr(e.dst) + as_bytes(htonl(e.spi)) + as_bytes(e.family) + fk::bytes{e.proto, 0};
+        return fk::datagram({{XFRM_MSG_DELSA, NLM_F_REQUEST | NLM_F_ACK, id + fk::attr(XFRMA_SRCADDR, addr(e.src))}});
+    };
+    // The texts come from the block, the SPI from the kernel in host order.
+    const auto removed = [](const std::string &dir, const std::string &src, const std::string &dst, const char *spi) {
+        return "HIGH remove_state_cb(): removing " + dir + " XFRM state\nMED remove_state_cb():\t..src " + src +
+               "\nMED remove_state_cb():\t..dst " + dst + "\nMED remove_state_cb():\t..proto 50\n" +
+               "MED remove_state_cb():\t..spi " + spi + "\n";
+    };
+    static const tavrel_xfrm_sa_addrs pair = {ip(L), ip(R), 0x1000, 0x2000, 50, 1}, same = {ip(L), ip(R), 9, 9, 51, 1};
+    const auto remove = [](const tavrel_xfrm_sa_addrs &p) { return [&p] { return tavrel_xfrm_remove_states(&p); }; };
+    const fk::bytes getsa = fk::datagram({{XFRM_MSG_GETSA, NLM_F_REQUEST | NLM_F_DUMP, {}}});
+    // Only protocol and SPI decide for a family that is neither IPv4 nor IPv6.
+    const sa tx{L, R, 0x1000, 50, AF_INET}, rx{R, L, 0x2000, 50, AF_INET}, any{V6, "::1", 0x2000, 50, 0};
+    const xfrm_call cases[] = {
+        // A refused deletion is logged and the dump goes on.
+        {remove(pair),
+         {fk::datagram({dumped(tx), dumped({R, L, 0x1000, 50, AF_INET}), dumped({L, R, 0x2000, 50, AF_INET}),
+                        dumped(rx), dumped(any)}),
+          fk::datagram({dumped({L, R, 0x3000, 50, AF_INET}), dumped(tx, XFRM_MSG_NEWPOLICY), dumped(tx, XFRM_MSG_NEWSA, 239)}) +
+              fk::done()},
+         {-ESRCH, 0, 0}, 0, {getsa, delsa(tx), delsa(rx), delsa(any)}, "",
+         removed("TX", L, R, "0x1000") + "ERR remove_state_cb(): deleting XFRM state failed\n"
+             "LOW remove_state_cb(): ignoring non-matching TX address\n"
+             "LOW remove_state_cb(): ignoring non-matching RX address\n" +
+             removed("RX", R, L, "0x2000") + removed("RX", R, L, "0x2000") +
+             "LOW remove_state_cb(): ignoring non-matching SPI\nLOW remove_state_cb(): ignoring non-XFRM state message\n"
+             "ERR remove_state_cb(): invalid XFRM state message received\n"},
         // With equal SPIs an entry is never tried as RX.
-        {block(L, R, 9, 9), sa(R, L, 9), XFRM_MSG_NEWSA, 0, "LOW", "ignoring non-matching TX address", false},
-        {kPair, sa(L, R, 0x1000, 51), XFRM_MSG_NEWSA, 0, "LOW", "ignoring non-matching protocol", false},
-        {kPair, sa(L, R, 0x3000), XFRM_MSG_NEWSA, 0, "LOW", "ignoring non-matching SPI", false},
-        {kPair, sa(L, R, 0x1000), XFRM_MSG_NEWPOLICY, 0, "LOW", "ignoring non-XFRM state message", false},
-        {kPair, sa(L, R, 0x1000), XFRM_MSG_NEWSA, 239, "ERR", "invalid XFRM state message received", false},
+        {remove(same), {fk::datagram({dumped({R, L, 9, 51, AF_INET}), dumped({L, R, 9, 50, AF_INET})}) + fk::done()}, {}, 0,
+         {getsa}, "",
+         "LOW remove_state_cb(): ignoring non-matching TX address\nLOW remove_state_cb(): ignoring non-matching protocol\n"},
+        {remove(pair), {fk::done(-EPERM)}, {}, -1, {getsa}, "", "ERR remove_states(): removing XFRM states failed\n"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.first_log + std::string(" ") + std::to_string(ntohl(c.entry.id.spi)));
-        fk::reset();
-        logcap::start();
-        fk::expect_socket().reply(fk::datagram({{c.type, NLM_F_MULTI, as_bytes(c.entry), c.len}})).reply(fk::done());
-        if (c.deleted)
-            expect_acks({0});
-        EXPECT_EQ(tavrel_xfrm_remove_states(&c.pair), 0);
-        ASSERT_EQ(fk::sockets().size(), c.deleted ? 2u : 1u);
-        EXPECT_EQ(fk::sockets()[0].protocol, NETLINK_XFRM);
-        EXPECT_EQ(fk::sockets()[0].sent, std::vector<fk::bytes>{kDumpRequest});
-        if (c.deleted) {
-            EXPECT_EQ(fk::sockets()[1].protocol, NETLINK_XFRM);
-            EXPECT_EQ(fk::sockets()[1].sent, std::vector<fk::bytes>{delsa(c.entry)});
-        }
-        ASSERT_FALSE(xfrm_lines().empty());
-        EXPECT_EQ(xfrm_lines()[0], msg(c.level, cb, c.first_log));
-    }
+    for (const auto &c : cases)
+        check(c, &c - cases);
 }
 
-TEST_F(XfrmRemove, PairAcrossDatagramsGoesOnAfterARefusedDeletion)
+TEST_F(XfrmPolicy, Calls)
 {
-    const char *cb = "tavrel_xfrm_remove_state_cb";
-    fk::expect_socket()
-        .reply(fk::datagram({{XFRM_MSG_NEWSA, NLM_F_MULTI, as_bytes(sa(L, R, 0x1000))}}))
-        .reply(fk::datagram({{XFRM_MSG_NEWSA, NLM_F_MULTI, as_bytes(sa(R, L, 0x2000))}}) + fk::done());
-    expect_acks({-ESRCH, 0});
-    EXPECT_EQ(tavrel_xfrm_remove_states(&kPair), 0);
-    EXPECT_EQ(fk::sockets().size(), 3u);
-    // The kernel's SPI is logged in host order, as the block holds it.
-    EXPECT_EQ(xfrm_lines(), (lines{msg("HIGH", cb, "removing TX XFRM state"), msg("MED", cb, "..src 192.0.2.1"),
-                                   msg("MED", cb, "..dst 198.51.100.2"), msg("MED", cb, "..proto 50"),
-                                   msg("MED", cb, "..spi 0x1000"), msg("ERR", cb, "deleting XFRM state failed"),
-                                   msg("HIGH", cb, "removing RX XFRM state"), msg("MED", cb, "..src 198.51.100.2"),
-                                   msg("MED", cb, "..dst 192.0.2.1"), msg("MED", cb, "..proto 50"),
-                                   msg("MED", cb, "..spi 0x2000")}));
-    logcap::expect_sinks_agree();
-}
-
-TEST_F(XfrmRemove, FailedDumpFails)
-{
-    fk::expect_socket().reply(fk::done(-EPERM));
-    EXPECT_EQ(tavrel_xfrm_remove_states(&kPair), -1);
-    EXPECT_EQ(xfrm_lines(), lines{msg("ERR", "tavrel_xfrm_remove_states", "removing XFRM states failed")});
-}
-
-TEST_F(XfrmPolicy, SelectorFromTexts)
-{
-    const char *fn = "tavrel_xfrm_set_sel";
-    const struct {
-        const char *src, *dst, *proto;
-        int result;
-        xfrm_selector sel;
-        lines log;
-    } cases[] = {
-        {nullptr, "fe80::/64", "58", 0, sel(nullptr, 0, "fe80::", 64, AF_INET6, 58),
-         {msg("MED", fn, "..sel.daddr = fe80::/64/64"), msg("MED", fn, "..sel.proto = 58")}},
-        {L, nullptr, nullptr, 0, sel(L, 32, nullptr, 0, AF_INET, 0), {msg("MED", fn, "..sel.saddr = 192.0.2.1/32")}},
-        // The destination's family wins over the source's.
-        {"10.0.0.0/8", "2001:db8::1", "0x11", 0, sel("10.0.0.0", 8, "2001:db8::1", 128, AF_INET6, 17),
-         {msg("MED", fn, "..sel.saddr = 10.0.0.0/8/8"), msg("MED", fn, "..sel.daddr = 2001:db8::1/128"),
-          msg("MED", fn, "..sel.proto = 0x11")}},
-        {nullptr, L, "300", 0, sel(nullptr, 0, L, 32, AF_INET, 44),
-         {msg("MED", fn, "..sel.daddr = 192.0.2.1/32"), msg("MED", fn, "..sel.proto = 300")}},
-        // A protocol that converts to 0 is logged as a failure, yet succeeds.
-        {nullptr, L, "256", 0, sel(nullptr, 0, L, 32, AF_INET, 0),
-         {msg("MED", fn, "..sel.daddr = 192.0.2.1/32"), msg("ERR", fn, "setting selector protocol to 256 failed")}},
-        {nullptr, L, "esp", 0, sel(nullptr, 0, L, 32, AF_INET, 0),
-         {msg("MED", fn, "..sel.daddr = 192.0.2.1/32"), msg("ERR", fn, "setting selector protocol to esp failed")}},
-        {nullptr, nullptr, "6", -1, {}, {msg("ERR", fn, "selector must have either source or destination")}},
-        {"10.0.0.1/24", "nowhere", "6", -1, sel("10.0.0.1", 24, nullptr, 0, AF_INET, 0),
-         {msg("MED", fn, "..sel.saddr = 10.0.0.1/24/24"),
-          msg("ERR", "tavrel_xfrm_set_address", "invalid IPv4 address nowhere"),
-          msg("ERR", fn, "setting selector destination address failed")}},
-        {"fe80::g", L, nullptr, -1, {},
-         {msg("ERR", "tavrel_xfrm_set_address", "invalid IPv6 address fe80::g"),
-          msg("ERR", fn, "setting selector source address failed")}},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.src ? c.src : "-") + " " + (c.dst ? c.dst : "-"));
-        logcap::start();
-        // Ports and interface are the caller's and stay as they were.
-        xfrm_selector s{}, expected = c.sel;
-        s.sport = expected.sport = 0x1234;
-        s.ifindex = expected.ifindex = 9;
-        EXPECT_EQ(tavrel_xfrm_set_sel(&s, c.src, c.dst, c.proto), c.result);
-        EXPECT_EQ(as_bytes(s), as_bytes(expected));
-        EXPECT_EQ(logcap::diag_lines(), c.log);
-        logcap::expect_sinks_agree();
-    }
-}
-
-TEST_F(XfrmPolicy, TunnelPolicyTemplate)
-{
-    const char *id = "tavrel_xfrm_set_id_from_recovery";
-    const char *tm = "tavrel_xfrm_set_tmpl";
-    const char *v6 = "2001:db8::2";
-    const tavrel_xfrm_sa_addrs unknown_local = {{0, 4, {1, 2, 3, 4}}, ip(R), 1, 2, 50, 1};
-    // Mixed families show where each template field comes from.
-    const struct {
-        uint8_t dir;
-        tavrel_xfrm_sa_addrs pair;
-        const char *saddr, *daddr;
-        uint32_t spi;
-        uint16_t family;
-        const char *proto_text, *saddr_text, *mode_text, *family_text;
-    } cases[] = {
-        {XFRM_POLICY_OUT, block(L, v6, 0x1000, 0x2000, 50, 1), L, v6, 0x1000, AF_INET, "esp", L, "tunnel", ""},
-        {XFRM_POLICY_FWD, block(L, v6, 0x1000, 0x2000, 51, 0), v6, L, 0x2000, AF_INET6, "ah", v6, "transport", "6"},
-        {XFRM_POLICY_IN, block(L, R, 0x1000, 0x2000, 17, 4), R, L, 0x2000, AF_INET, "esp", R, "transport", ""},
-        // An unknown version leaves address and family 0; the policy is still sent.
-        {XFRM_POLICY_OUT, unknown_local, nullptr, R, 1, 0, "esp", "<invalid family 0>", "tunnel", "6"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::to_string(c.dir) + " " + c.saddr_text);
-        fk::reset();
-        logcap::start();
-        expect_acks({0});
-        EXPECT_EQ(tavrel_xfrm_add_policy(&c.pair, "10.0.0.0/8", "192.0.2.0/24", "6", c.dir), 0);
-        xfrm_user_tmpl t{};
-        t.saddr = xaddr(c.saddr);
-        t.id.daddr = xaddr(c.daddr);
-        t.id.spi = htonl(c.spi);
-        t.id.proto = c.pair.proto;
-        t.family = c.family;
-        t.mode = c.pair.mode;
-        t.aalgos = t.ealgos = t.calgos = ~0u;
-        ASSERT_EQ(fk::sockets().size(), 1u);
-        EXPECT_EQ(fk::sockets()[0].protocol, NETLINK_XFRM);
-        EXPECT_EQ(fk::sockets()[0].sent, std::vector<fk::bytes>{newpolicy(
-                                             c.dir, 100, sel("10.0.0.0", 8, "192.0.2.0", 24, AF_INET, 6), &t)});
-        lines expected = {msg("MED", id, std::string("..id.proto = ") + c.proto_text),
-                          msg("MED", id, std::string("..saddr = ") + c.saddr_text),
-                          msg("MED", id, std::string("..id.daddr = ") + c.daddr)};
-        if (!c.saddr)
-            expected.push_back(msg("ERR", "tavrel_xfrm_set_addr_from_recovery", "invalid addr family 0"));
-        char spi[32];
-        snprintf(spi, sizeof spi, "..id.spi = 0x%x", c.spi);
-        expected.push_back(msg("MED", id, spi));
-        expected.push_back(msg("MED", tm, std::string("..tmpl.mode = ") + c.mode_text));
-        expected.push_back(msg("MED", tm, std::string("..tmpl.family = AF_INET") + c.family_text));
-        lines log = xfrm_lines();
-        log.erase(log.begin(), log.begin() + 3);  // the selector's
-        EXPECT_EQ(log, expected);
-    }
-}
-
-TEST_F(XfrmPolicy, BypassAndRemovalRequests)
-{
-    const xfrm_selector bypass = sel(nullptr, 0, "fe80::", 64, AF_INET6, 58);
-    expect_acks({0, 0, 0});
-    EXPECT_EQ(tavrel_xfrm_add_policy_ex(XFRM_POLICY_OUT), 0);
-    EXPECT_EQ(tavrel_xfrm_remove_policy_ex(XFRM_POLICY_FWD), 0);
-    EXPECT_EQ(tavrel_xfrm_remove_policy(L, "10.0.0.0/8", nullptr, XFRM_POLICY_IN), 0);
-    ASSERT_EQ(fk::sockets().size(), 3u);
-    EXPECT_EQ(fk::sockets()[0].sent, std::vector<fk::bytes>{newpolicy(XFRM_POLICY_OUT, 10, bypass, nullptr)});
-    EXPECT_EQ(fk::sockets()[1].sent, std::vector<fk::bytes>{delpolicy(XFRM_POLICY_FWD, bypass)});
-    EXPECT_EQ(fk::sockets()[2].sent,
-              std::vector<fk::bytes>{delpolicy(XFRM_POLICY_IN, sel(L, 32, "10.0.0.0", 8, AF_INET, 0))});
-}
-
-TEST_F(XfrmPolicy, FailureFlows)
-{
-    const auto add = [](int is_tx) {
-        return [is_tx] { return tavrel_xfrm_add_policies(&kPair, nullptr, "10.0.0.0/8", "6", is_tx); };
-    };
-    const auto del = [](int is_tx) {
-        return [is_tx] { return tavrel_xfrm_remove_policies(nullptr, "10.0.0.0/8", "6", is_tx); };
-    };
-    const char *adds = "tavrel_xfrm_add_policies", *dels = "tavrel_xfrm_remove_policies";
-    const std::string sent = msg("ERR", "tavrel_xfrm_add_policy", "Sending XFRM policy failed");
-    const std::string unsent = msg("ERR", "tavrel_xfrm_remove_policy", "Sending XFRM policy delete failed");
+    // Mixed versions show where each template field comes from.
+    static const tavrel_xfrm_sa_addrs pair = {ip(L), ip(V6), 0x1000, 0x2000, 50, 0};
+    static const tavrel_xfrm_sa_addrs ah = {ip(L), ip(R), 0x1000, 0x2000, 51, 1}, odd = {ip(R), {}, 1, 2, 17, 4};
+    const auto add = [](int tx) { return [=] { return tavrel_xfrm_add_policies(&pair, nullptr, "10.0.0.0/8", "6", tx); }; };
+    const auto del = [](int tx) { return [=] { return tavrel_xfrm_remove_policies(nullptr, "10.0.0.0/8", "6", tx); }; };
+    const fk::bytes s10 = sel(nullptr, 0, "10.0.0.0", 8, AF_INET, 6), fe80 = sel(nullptr, 0, "fe80::", 64, AF_INET6, 58);
     const uint8_t IN = XFRM_POLICY_IN, OUT = XFRM_POLICY_OUT, FWD = XFRM_POLICY_FWD;
-    const struct {
-        std::function<int()> call;
-        std::vector<int32_t> acks;  // one socket each, in order
-        int result;
-        std::vector<uint8_t> dirs;
-        lines errors;
-    } cases[] = {
-        {add(1), {0}, 0, {OUT}, {}},
-        {add(1), {-EEXIST}, -1, {OUT}, {sent, msg("ERR", adds, "Setting outgoing XFRM policy failed")}},
-        {add(0), {0, 0}, 0, {IN, FWD}, {}},
+    const fk::bytes out = newpolicy(OUT, 100, s10, tmpl(L, V6, 0x1000, 50, AF_INET, 0));
+    const auto in = [&](uint8_t dir) { return newpolicy(dir, 100, s10, tmpl(V6, L, 0x2000, 50, AF_INET6, 0)); };
+    const auto D = [&](uint8_t dir) { return delpolicy(dir, s10); };
+    const std::string sent = "ERR add_policy(): Sending XFRM policy failed\n";
+    const std::string unsent = "ERR remove_policy(): Sending XFRM policy delete failed\n";
+    const xfrm_call cases[] = {
+        // Texts are logged as given, so a prefix shows twice; the destination's family wins; the
+        // protocol is read in any base and cut to a byte.
+        {[] { return tavrel_xfrm_add_policy(&ah, "10.0.0.0/8", "2001:db8::1", "0x12c", XFRM_POLICY_OUT); }, {}, {0}, 0,
+         {newpolicy(OUT, 100, sel("10.0.0.0", 8, "2001:db8::1", 128, AF_INET6, 44), tmpl(L, R, 0x1000, 51, AF_INET, 1))},
+         "",
+         "MED set_sel():\t..sel.saddr = 10.0.0.0/8/8\nMED set_sel():\t..sel.daddr = 2001:db8::1/128\n"
+         "MED set_sel():\t..sel.proto = 0x12c\nMED set_id_from_recovery():\t..id.proto = ah\n"
+         "MED set_id_from_recovery():\t..saddr = 192.0.2.1\nMED set_id_from_recovery():\t..id.daddr = 198.51.100.2\n"
+         "MED set_id_from_recovery():\t..id.spi = 0x1000\nMED set_tmpl():\t..tmpl.mode = tunnel\n"
+         "MED set_tmpl():\t..tmpl.family = AF_INET\n"},
+        // A protocol that converts to 0 is logged as a failure, yet succeeds. An unknown version
+        // leaves the address and the family 0; the policy is still sent.
+        {[] { return tavrel_xfrm_add_policy(&odd, L, nullptr, "256", XFRM_POLICY_FWD); }, {}, {0}, 0,
+         {newpolicy(FWD, 100, sel(L, 32, nullptr, 0, AF_INET, 0), tmpl(nullptr, R, 2, 17, 0, 4))}, "",
+         "MED set_sel():\t..sel.saddr = 192.0.2.1/32\nERR set_sel(): setting selector protocol to 256 failed\n"
+         "MED set_id_from_recovery():\t..id.proto = esp\nMED set_id_from_recovery():\t..saddr = <invalid family 0>\n"
+         "MED set_id_from_recovery():\t..id.daddr = 198.51.100.2\nERR set_addr_from_recovery(): invalid addr family 0\n"
+         "MED set_id_from_recovery():\t..id.spi = 0x2\nMED set_tmpl():\t..tmpl.mode = transport\n"
+         "MED set_tmpl():\t..tmpl.family = AF_INET6\n"},
+        {add(1), {}, {0}, 0, {out}, "ERR", ""},
+        {add(1), {}, {-EEXIST}, -1, {out}, "ERR", sent + "ERR add_policies(): Setting outgoing XFRM policy failed\n"},
+        {add(0), {}, {0, 0}, 0, {in(IN), in(FWD)}, "ERR", ""},
         // Adding stops at a refused input policy; a refused forward one leaves the input one.
-        {add(0), {-EEXIST}, -1, {IN}, {sent, msg("ERR", adds, "Setting incoming XFRM policy failed")}},
-        {add(0), {0, -EEXIST}, -1, {IN, FWD}, {sent, msg("ERR", adds, "Setting forwarding XFRM policy failed")}},
-        {[] { return tavrel_xfrm_add_policies(&kPair, nullptr, nullptr, "6", 1); }, {}, -1, {},
-         {msg("ERR", "tavrel_xfrm_set_sel", "selector must have either source or destination"),
-          msg("ERR", "tavrel_xfrm_add_policy", "setting policy selector failed"),
-          msg("ERR", adds, "Setting outgoing XFRM policy failed")}},
-        {del(1), {0}, 0, {OUT}, {}},
-        {del(1), {-ENOENT}, -1, {OUT}, {unsent, msg("ERR", dels, "removing outgoing XFRM policy failed")}},
+        {add(0), {}, {-EEXIST}, -1, {in(IN)}, "ERR", sent + "ERR add_policies(): Setting incoming XFRM policy failed\n"},
+        {add(0), {}, {0, -EEXIST}, -1, {in(IN), in(FWD)}, "ERR",
+         sent + "ERR add_policies(): Setting forwarding XFRM policy failed\n"},
+        {[] { return tavrel_xfrm_add_policies(&pair, nullptr, nullptr, "6", 1); }, {}, {}, -1, {}, "ERR",
+         "ERR set_sel(): selector must have either source or destination\n"
+         "ERR add_policy(): setting policy selector failed\nERR add_policies(): Setting outgoing XFRM policy failed\n"},
+        {del(1), {}, {0}, 0, {D(OUT)}, "ERR", ""},
+        {del(1), {}, {-ENOENT}, -1, {D(OUT)}, "ERR", unsent + "ERR remove_policies(): removing outgoing XFRM policy failed\n"},
         // Removal goes on after a refused input policy; only the forward result counts.
-        {del(0), {-ENOENT, 0}, 0, {IN, FWD}, {unsent, msg("ERR", dels, "removing incoming XFRM policy failed")}},
-        {del(0), {0, -ENOENT}, -1, {IN, FWD}, {unsent, msg("ERR", dels, "removing forwarding XFRM policy failed")}},
-        {[] { return tavrel_xfrm_remove_policies("10.0.0.0/8", "x", nullptr, 1); }, {}, -1, {},
-         {msg("ERR", "tavrel_xfrm_set_address", "invalid IPv4 address x"),
-          msg("ERR", "tavrel_xfrm_set_sel", "setting selector destination address failed"),
-          msg("ERR", "tavrel_xfrm_remove_policy", "Setting selector failed"),
-          msg("ERR", dels, "removing outgoing XFRM policy failed")}},
-        {[] { return tavrel_xfrm_add_policy_ex(XFRM_POLICY_IN); }, {-EEXIST}, -1, {IN},
-         {msg("ERR", "tavrel_xfrm_add_policy_ex", "Sending XFRM policy failed")}},
-        {[] { return tavrel_xfrm_remove_policy_ex(XFRM_POLICY_FWD); }, {-ENOENT}, -1, {FWD}, {unsent}},
+        {del(0), {}, {-ENOENT, 0}, 0, {D(IN), D(FWD)}, "ERR",
+         unsent + "ERR remove_policies(): removing incoming XFRM policy failed\n"},
+        {del(0), {}, {0, -ENOENT}, -1, {D(IN), D(FWD)}, "ERR",
+         unsent + "ERR remove_policies(): removing forwarding XFRM policy failed\n"},
+        {[] { return tavrel_xfrm_remove_policies("fe80::g", "x", nullptr, 1); }, {}, {}, -1, {}, "ERR",
+         "ERR set_address(): invalid IPv6 address fe80::g\nERR set_sel(): setting selector source address failed\n"
+         "ERR remove_policy(): Setting selector failed\nERR remove_policies(): removing outgoing XFRM policy failed\n"},
+        {[] { return tavrel_xfrm_remove_policy(L, "x", nullptr, 0); }, {}, {}, -1, {}, "ERR",
+         "ERR set_address(): invalid IPv4 address x\nERR set_sel(): setting selector destination address failed\n"
+         "ERR remove_policy(): Setting selector failed\n"},
+        {[] { return tavrel_xfrm_add_policy_ex(XFRM_POLICY_OUT); }, {}, {0}, 0, {newpolicy(OUT, 10, fe80)}, "ERR", ""},
+        {[] { return tavrel_xfrm_add_policy_ex(XFRM_POLICY_IN); }, {}, {-EEXIST}, -1, {newpolicy(IN, 10, fe80)}, "ERR",
+         "ERR add_policy_ex(): Sending XFRM policy failed\n"},
+        {[] { return tavrel_xfrm_remove_policy_ex(XFRM_POLICY_FWD); }, {}, {-ENOENT}, -1, {delpolicy(FWD, fe80)}, "ERR",
+         unsent},
     };
-    int n = 0;
-    for (const auto &c : cases) {
-        SCOPED_TRACE("case " + std::to_string(n++));
-        fk::reset();
-        logcap::start();
-        expect_acks(c.acks);
-        EXPECT_EQ(c.call(), c.result);
-        std::vector<uint8_t> dirs;
-        for (const auto &s : fk::sockets()) {
-            ASSERT_EQ(s.sent.size(), 1u);
-            const bool add_request = reinterpret_cast<const nlmsghdr *>(s.sent[0].data())->nlmsg_type ==
-                                     XFRM_MSG_NEWPOLICY;
-            dirs.push_back(s.sent[0][NLMSG_HDRLEN + (add_request ? offsetof(xfrm_userpolicy_info, dir)
-                                                                  : offsetof(xfrm_userpolicy_id, dir))]);
-        }
-        EXPECT_EQ(dirs, c.dirs);
-        EXPECT_EQ(xfrm_lines("ERR"), c.errors);
-        logcap::expect_sinks_agree();
-    }
+    for (const auto &c : cases)
+        check(c, &c - cases);
 }
