@@ -65,7 +65,7 @@ fk::bytes delpolicy(uint8_t dir, const fk::bytes &sel)
 
 // One call against a socket per acknowledgement code, after a dump socket when replies are given:
 // its result, its requests (all to NETLINK_XFRM) and the log lines of the tavrel_xfrm_ functions at
-// a level ("" for all), their names shortened by that prefix.
+// a level ("" for all), their names shortened by that prefix. The sinks agree and no socket stays open.
 struct xfrm_call {
     std::function<int()> call;
     std::vector<fk::bytes> dump;
@@ -98,6 +98,7 @@ void check(const xfrm_call &c, long row)
             log += l.substr(0, l.find(' ') + 1) + l.substr(l.find(' ') + 13);
     EXPECT_EQ(log, c.log);
     logcap::expect_sinks_agree();
+    EXPECT_EQ(fk::open_descriptors(), 0);
 }
 
 const char *const L = "192.0.2.1", *const R = "198.51.100.2", *const V6 = "2001:db8::2";
