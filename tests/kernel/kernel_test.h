@@ -1,83 +1,60 @@
-// Kernel tier: every test gets a fresh network namespace of its own, so it
-// never touches the machine's namespace and starts from the kernel's
-// defaults. Needs root (CAP_SYS_ADMIN).
+// Kernel tier: every test runs from the kernel's defaults in a network
+// namespace of its own, never in the machine's. Needs root (CAP_SYS_ADMIN).
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
+#include <memory>
+#include <regex>
 
 #include "libnltavrel.h"
 #include "tavrel_host.h"
 
-// Runs a shell command (iproute2, mostly) and returns what it printed on
-// stdout; the exit status goes to *status when given.
-inline std::string sh(const std::string &command, int *status = nullptr)
+inline std::string kernel_log;  // what the diagnostics sink received
+inline bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
+// What a command (iproute2, mostly) printed on stdout and stderr.
+inline std::string sh(const std::string &command)
 {
     std::string out;
-    FILE *p = popen((command + " 2>&1").c_str(), "r");
-    if (p == nullptr)
-        return out;
     char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+    const std::unique_ptr<FILE, int (*)(FILE *)> p(popen(("exec 2>&1; " + command).c_str(), "r"), pclose);
+    for (size_t n; p && (n = fread(buf, 1, sizeof buf, p.get())) > 0;)
         out.append(buf, n);
-    const int rc = pclose(p);
-    if (status)
-        *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     return out;
 }
 
-// Runs a command that must succeed.
-#define SH_OK(command)                                                                     \
-    do {                                                                                   \
-        int sh_status_ = -1;                                                               \
-        const std::string sh_out_ = sh(command, &sh_status_);                              \
-        ASSERT_EQ(sh_status_, 0) << (command) << ":\n" << sh_out_;                         \
-    } while (0)
+#define SH_OK(command) do { ASSERT_EQ(sh(command), "") << (command); } while (0)  // iproute2 is silent on success
 
-// Tests that find a kernel feature missing (ESP, the prio qdisc) take a
-// shorter path or skip. The full-kernel tier (tests/vm) sets
-// TAVREL_FULL_KERNEL, and there a missing feature is a failure.
+// A missing feature (ESP, the prio qdisc) shortens or skips a test; the full-kernel tier (tests/vm) fails it.
 inline bool kernel_has(bool present, const char *feature)
 {
-    if (!present && getenv("TAVREL_FULL_KERNEL") != nullptr)
-        ADD_FAILURE() << "the full kernel lacks " << feature;
+    EXPECT_TRUE(present || getenv("TAVREL_FULL_KERNEL") == nullptr) << "the full kernel lacks " << feature;
     return present;
 }
 
-// Captures the diagnostics sink (text only) for asserting log lines.
-struct kernel_log {
-    static std::string &text()
-    {
-        static std::string t;
-        return t;
-    }
-    static void sink(const tavrel_log_site *, const char *message) { text() += message; }
-};
+// A library call's result, regular expressions over what `show` then prints
+// and texts logged since the last check; a leading '!' negates either.
+inline void check(const char *what, int result, int expected, const std::string &show,
+                  const std::vector<std::string> &shown, const std::vector<std::string> &logged = {})
+{
+    SCOPED_TRACE(what);
+    EXPECT_EQ(result, expected) << kernel_log;
+    const std::string out = sh(show);
+    for (const std::string &re : shown)
+        EXPECT_NE(std::regex_search(out, std::regex(re.substr(re[0] == '!'))), re[0] == '!') << re << "\n" << out;
+    for (const std::string &text : logged)
+        EXPECT_NE(has(kernel_log, text.substr(text[0] == '!')), text[0] == '!') << text << "\n" << kernel_log;
+    kernel_log.clear();
+}
 
-class KernelTest : public ::testing::Test {
-protected:
+struct KernelTest : ::testing::Test {
     void SetUp() override
     {
-        ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "cannot create a private network namespace: " << strerror(errno)
-                                            << " (the kernel tier needs root)";
+        ASSERT_EQ(unshare(CLONE_NEWNET), 0) << strerror(errno) << " (the kernel tier needs root)";
         SH_OK("ip link set lo up");
-        kernel_log::text().clear();
-        tavrel_host_set_diag_sink(kernel_log::sink);
+        kernel_log.clear();
+        tavrel_host_set_diag_sink([](const tavrel_log_site *, const char *text) { kernel_log += text; });
         kv_log_mask = 1;
     }
-    void TearDown() override
-    {
-        kv_log_mask = 0;
-        tavrel_host_set_diag_sink(nullptr);
-    }
-    static const std::string &log() { return kernel_log::text(); }
 };
