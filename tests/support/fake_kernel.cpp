@@ -57,12 +57,14 @@ void set_interface(const std::string &name, unsigned index) { interfaces[name] =
 
 int open_descriptors() { return static_cast<int>(active.size()); }
 
-size_t requests_sent()
+std::vector<bytes> requests_on(int protocol)
 {
-    size_t n = 0;
-    for (const auto &r : records)
-        n += r.sent.size();
-    return n;
+    std::vector<bytes> out;
+    for (const auto &r : records) {
+        EXPECT_EQ(r.protocol, protocol);
+        out.insert(out.end(), r.sent.begin(), r.sent.end());
+    }
+    return out;
 }
 
 bytes operator+(bytes a, const bytes &b)

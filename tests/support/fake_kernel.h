@@ -63,8 +63,9 @@ const std::deque<socket_record> &sockets();
 void set_interface(const std::string &name, unsigned index);
 // Sockets handed out and not closed.
 int open_descriptors();
-// Total number of sendto calls on fake sockets.
-size_t requests_sent();
+// Every request sent, in order, across all sockets, each of which must be of
+// the given protocol.
+std::vector<bytes> requests_on(int protocol);
 
 // Helpers to build kernel answers.
 struct msg {

@@ -86,12 +86,7 @@ void check(const xfrm_call &c, long row)
     for (int32_t code : c.acks)
         fk::expect_socket().reply(fk::ack(code));
     EXPECT_EQ(c.call(), c.result);
-    std::vector<fk::bytes> requests;
-    for (const auto &s : fk::sockets()) {
-        EXPECT_EQ(s.protocol, NETLINK_XFRM);
-        requests.insert(requests.end(), s.sent.begin(), s.sent.end());
-    }
-    EXPECT_EQ(requests, c.requests);
+    EXPECT_EQ(fk::requests_on(NETLINK_XFRM), c.requests);
     std::string log;
     for (const auto &l : logcap::diag_lines())
         if (l.compare(0, strlen(c.level), c.level) == 0 && l.find(" tavrel_xfrm_") != std::string::npos)

@@ -143,12 +143,7 @@ void check(const sa_call &c)
     tavrel_main_cfg.output_mark_enabled = c.mark_switch;
     EXPECT_EQ(c.call(), c.result);
     tavrel_main_cfg.output_mark_enabled = 0;
-    std::vector<bytes> requests;
-    for (const auto &s : fk::sockets()) {
-        EXPECT_EQ(s.protocol, NETLINK_XFRM);
-        requests.insert(requests.end(), s.sent.begin(), s.sent.end());
-    }
-    EXPECT_EQ(requests, c.requests);
+    EXPECT_EQ(fk::requests_on(NETLINK_XFRM), c.requests);
     std::string log;
     for (const auto &l : logcap::diag_lines())
         if ((c.all_levels || l[0] == 'H' || l[0] == 'E') && l.find(" tavrel_xfrm_") != std::string::npos)
