@@ -23,8 +23,8 @@ done
 # Every type the library's DWARF knows is loaded, so that the records no
 # export reaches (the modem address, the log site) are in the dump; the
 # library's own types are reduced to their names. Locations keep the file
-# name only, which compare() needs; line and column are set to 1 so that
-# moving code does not change the baseline.
+# name, which compare()'s suppressions match; line and column are set to 1 so
+# that moving code does not change the baseline.
 dump() {  # lib out
   abidw --load-all-types --headers-dir "$root/inc" --drop-private-types --drop-undefined-syms \
     --no-corpus-path --no-comp-dir-path --short-locs "$1" \
@@ -45,8 +45,8 @@ dump() {  # lib out
 # header or are the fixed-width integers the records use, so that a field
 # changed from uint32_t to int32_t still shows (abidiff's own header filter,
 # --hd, hides exactly that change). --harmless counts what abidiff would
-# otherwise filter out (a qualifier added, say), so that the baseline states
-# exactly what ships.
+# otherwise filter out: a record's field renamed keeps the binary but breaks
+# the daemon's source.
 compare() {  # old new
   local status=0 unreachable=0 suppr
   suppr=$(mktemp)
