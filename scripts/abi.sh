@@ -66,9 +66,14 @@ compare() {  # old new
   source_location_not_in = libnltavrel.h, stdint-uintn.h, stdint-intn.h, types.h
 EOF
   abidiff --harmless "$1" "$2" || status=$?
-  # Of the second report only the unreachable types: the rest repeats the first.
+  # Of the second report only the unreachable types, as a rule: the rest
+  # repeats the first.
   abidiff --harmless --non-reachable-types --suppressions "$suppr" "$1" "$2" > "$suppr.report" || unreachable=$?
-  [[ $unreachable -eq 0 ]] || sed -n '/^Unreachable types summary/p; /unreachable from any public interface:$/,$p' "$suppr.report"
+  if grep -q 'unreachable from any public interface:$' "$suppr.report"; then
+    sed -n '/^Unreachable types summary/p; /unreachable from any public interface:$/,$p' "$suppr.report"
+  elif [[ $status -eq 0 ]]; then
+    cat "$suppr.report"
+  fi
   rm -f "$suppr" "$suppr.report"
   return $((status | unreachable))
 }
