@@ -91,7 +91,11 @@ check)
   dump "$lib" "$tmp/current.abi"
   status=0
   compare "$baseline" "$tmp/current.abi" > "$tmp/report" || status=$?
-  if [[ $status -ne 0 ]]; then
+  if (( status & 3 )); then
+    cat "$tmp/report"
+    echo "FAIL: abidiff could not compare $lib with ${baseline#"$root"/} (status $status)."
+    exit 1
+  elif [[ $status -ne 0 ]]; then
     cat "$tmp/report"
     echo "FAIL: the ABI of $lib differs from ${baseline#"$root"/} (abidiff status $status)."
     echo "An intended change updates the baseline in the same commit (scripts/abi.sh baseline);"
