@@ -16,7 +16,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 
-for tool in abidw abidiff; do
+for tool in abidw abidiff abilint; do
   command -v "$tool" >/dev/null || { echo "abi: $tool not found (scripts/install-deps.sh test)" >&2; exit 2; }
 done
 
@@ -48,7 +48,12 @@ dump() {  # lib out
 # otherwise filter out: a record's field renamed keeps the binary but breaks
 # the daemon's source.
 compare() {  # old new
-  local status=0 unreachable=0 suppr
+  local status=0 unreachable=0 suppr file
+  # abidiff reads a damaged dump (a merge's conflict markers, say) as an
+  # empty one and then reports no change at all.
+  for file in "$1" "$2"; do
+    abilint --noout "$file" 2>/dev/null || { echo "abi: $file is not a readable ABI dump" >&2; return 1; }
+  done
   suppr=$(mktemp)
   cat > "$suppr" <<EOF
 [suppress_type]
@@ -93,7 +98,7 @@ check)
   compare "$baseline" "$tmp/current.abi" > "$tmp/report" || status=$?
   if (( status & 3 )); then
     cat "$tmp/report"
-    echo "FAIL: abidiff could not compare $lib with ${baseline#"$root"/} (status $status)."
+    echo "FAIL: could not compare $lib with ${baseline#"$root"/} (status $status)."
     exit 1
   elif [[ $status -ne 0 ]]; then
     cat "$tmp/report"
