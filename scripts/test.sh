@@ -8,6 +8,8 @@
 #   build the install check.
 #   armhf cross build (arm-linux-gnueabihf-g++): the unit tests under
 #   qemu-arm, the symbol checks and the install check.
+#   The g++ and armhf builds also compare the library's ABI with its
+#   baseline in abi/ (docs/abi.md).
 #   full-kernel tier, last: the kernel tier and the end-to-end IPsec tunnel
 #   of the g++ and the armhf build inside Debian kernels under qemu
 #   (x86_64 and 32-bit ARM), where no test may be skipped.
