@@ -19,7 +19,6 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
 #include <stdio.h>
