@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Mutation run over src/: does the unit and kernel tiers notice a broken library?
+"""Mutation run over src/: do the unit and kernel tiers notice a broken library?
 
 Each mutant is one small edit of one line of src/*.cpp. The run copies the
 repository's files (tracked and untracked, as they are in the working tree)
@@ -23,11 +23,14 @@ and whatever stands in square brackets):
   ror     relational flip: < to <=, <= to <, > to >=, >= to >, == to !=, != to ==
   aor     binary + to -, += to -=
   const   integer literal n >= 2 to n + 1 (not in shift counts)
-  neg     if/while condition on one line negated: if (c) to if (!(c))
+  neg     if/while condition on one line negated: if (c) to if (!(c)), unless
+          it is a single comparison (a ror mutant already)
   del     a call statement on one line removed (tavrel_wipe, close, close_socket,
-          memset, tavrel_nla_put, put_*, ...), replaced by {}
+          free, tavrel_nla_put, put_*, ...), replaced by {}
   ret     return -1; to return 0;
 
+Of these candidates (about 630) the run keeps one in five (--every), chosen
+by a hash of what the mutant is, not of its line number (see selected()).
 The id is file:line:operator:index (index counts that operator's
 occurrences on the line), stable as long as src/ does not change; the
 result file also holds the original and mutated line, so two runs can be
@@ -43,7 +46,7 @@ Usage (as root: the kernel tier unshares network namespaces):
 
 `run` exits 0 whatever it finds; `compare` exits 1 if a mutant killed in the
 first file is not killed in the second. Scratch tree and build:
-build-mutation/ (--work DIR). See docs/testing.md for timings.
+build-mutation/ (--work DIR). See docs/mutation.md.
 """
 import argparse
 import filecmp
@@ -349,9 +352,11 @@ def run_mutants(opts):
         sys.exit("mutate: the unmutated tree fails its %s tests; fix that first" % failed)
     print("baseline build and tests: %.0f s; %d mutants" % (time.time() - t0, len(mutants)), flush=True)
 
+    # Also when started in the background, where SIGINT comes in ignored.
     def terminate(signum, frame):
         raise KeyboardInterrupt
     signal.signal(signal.SIGTERM, terminate)
+    signal.signal(signal.SIGINT, terminate)
 
     logs = os.path.join(runner.work, "logs")
     shutil.rmtree(logs, ignore_errors=True)
@@ -393,7 +398,7 @@ def run_mutants(opts):
             print("[%d/%d] %-9s %-8s %4.0f s  %s" % (n, len(mutants), status, detail, seconds, mutant["id"]),
                   flush=True)
             if status == "survived":
-                print("      %s" % mutant["mutated"].strip(), flush=True)
+                print("      %s\n   => %s" % (mutant["original"].strip(), mutant["mutated"].strip()), flush=True)
     # Leave the build matching the unmutated sources for the next run.
     runner.compile(3600)
     elapsed = time.time() - started
@@ -420,6 +425,11 @@ def compare(opts):
         other = after.get(mutant)
         if other is None or other[1] != "killed":
             lost.append((mutant, other[1] if other else "not run", row[4]))
+    # Ids carry line numbers: after a change to src/ the same id may be a
+    # different mutant.
+    moved = [m for m in before if m in after and before[m][4:6] != after[m][4:6]]
+    for mutant in moved:
+        print("warning: %s is not the same mutant in both files (src/ changed)" % mutant)
     for name, rows in (("before", before), ("after", after)):
         killed = sum(r[1] == "killed" for r in rows.values())
         survived = sum(r[1] == "survived" for r in rows.values())
