@@ -138,8 +138,8 @@ armhf)
 *) bad_args "unknown --arch '$ARCH' (x86_64 or armhf)" ;;
 esac
 MODTREES+=(kernel/crypto kernel/lib/crypto kernel/net/xfrm kernel/net/ipv4
-	kernel/net/ipv6 kernel/net/sched kernel/drivers/net/dummy.ko
-	kernel/drivers/net/veth.ko)
+	kernel/net/ipv6 kernel/net/sched 'kernel/drivers/net/dummy.ko*'
+	'kernel/drivers/net/veth.ko*')
 # dash is /bin/sh: Debian's static busybox prefers its own applets over
 # PATH, so under busybox sh "ip" and "tc" would be the cut-down applets.
 TOOLS=(ip tc ss bridge dash bash)
@@ -295,7 +295,9 @@ build_module_cpio() {
 	# modules.dep lists every module's full dependency chain, so one lookup
 	# per selected module gives the closure.
 	# Trees this kernel does not have are simply skipped.
-	(cd "$src" && { find "${MODTREES[@]}" -name '*.ko*' 2>/dev/null || true; }) |
+	# Single modules are patterns: 6.12 compresses them (dummy.ko.xz).
+	# shellcheck disable=SC2068 # the patterns expand in the module tree
+	(cd "$src" && { find ${MODTREES[@]} -name '*.ko*' 2>/dev/null || true; }) |
 		awk 'NR == FNR { want[$0] = 1; next }
 		     { m = $1; sub(/:$/, "", m)
 		       if (m in want) for (i = 1; i <= NF; i++) { x = $i; sub(/:$/, "", x); print x } }' \
