@@ -62,14 +62,17 @@ if ! "$@" "$stage/consumer"; then
 fi
 echo "install: a program built with pkg-config --cflags/--libs libnltavrel runs"
 
-# configure_and_run DIR WHAT ARGS...: builds the consumer project in DIR and runs it.
-configure_and_run() {
+# build_consumer DIR WHAT CMAKE_ARGS...: configures DIR and builds its program.
+build_consumer() {
   dir=$1 what=$2
   shift 2
-  "$cmake" -S "$dir" -B "$dir/build" -DCMAKE_C_COMPILER="$cc" \
-    ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} "$@" >"$dir/log" 2>&1 &&
-    "$cmake" --build "$dir/build" --target consumer >>"$dir/log" 2>&1 ||
-    { cat "$dir/log"; echo "FAIL: $what: the consumer did not build"; exit 1; }
+  if ! { "$cmake" -S "$dir" -B "$dir/build" -DCMAKE_C_COMPILER="$cc" \
+      ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} "$@" >"$dir/log" 2>&1 &&
+    "$cmake" --build "$dir/build" --target consumer >>"$dir/log" 2>&1; }; then
+    cat "$dir/log"
+    echo "FAIL: $what: the consumer did not build"
+    exit 1
+  fi
 }
 mkdir "$stage/package" "$stage/parent"
 cat > "$stage/package/CMakeLists.txt" <<'CMAKE'
@@ -83,7 +86,7 @@ CMAKE
 # A cross toolchain file confines package searches to its sysroot; name the
 # package's directory then, as a cross-building user would.
 cmake_dir=$(dirname "$(find "$stage" -name libnltavrelConfig.cmake)")
-configure_and_run "$stage/package" "find_package(libnltavrel CONFIG)" \
+build_consumer "$stage/package" "find_package(libnltavrel CONFIG)" \
   -DCMAKE_PREFIX_PATH="$stage$prefix" ${toolchain:+-Dlibnltavrel_DIR="$cmake_dir"}
 "$@" "$stage/package/build/consumer" ||
   { echo "FAIL: the program built with find_package(libnltavrel) did not run correctly"; exit 1; }
@@ -99,7 +102,7 @@ add_subdirectory("$src" libnltavrel)
 add_executable(consumer ../consumer.c)
 target_link_libraries(consumer PRIVATE libnltavrel::nltavrel libnltavrel::tavrel_host)
 CMAKE
-configure_and_run "$stage/parent" "add_subdirectory"
+build_consumer "$stage/parent" "add_subdirectory"
 "$@" "$stage/parent/build/consumer" ||
   { echo "FAIL: the program of the parent project did not run correctly"; exit 1; }
 (cd "$stage/parent/build" && "$cmake" --build . --target nltavrel >/dev/null &&
