@@ -454,6 +454,9 @@ build_root() {
 run_qemu() {
 	local kernel=$1 initrd=$2 nonce=$3 consolelog=$4
 	local t0=$EPOCHREALTIME up='' now elapsed status=''
+	# Created here: the stream below may start before qemu's redirection
+	# opens it, and tail gives up on a file that does not exist yet.
+	: >"$consolelog"
 	"$QEMU" -accel tcg "${QEMU_BOARD[@]}" -m "$MEM" -smp 1 \
 		-nodefaults -display none -serial stdio -no-reboot \
 		-kernel "$kernel" -initrd "$initrd" \
