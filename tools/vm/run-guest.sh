@@ -105,9 +105,10 @@ x86_64)
 	KERNEL_META=linux-image-cloud-amd64
 	QEMU=qemu-system-x86_64 QEMU_PKG=qemu-system-x86
 	# 6.12 takes a double fault at random early in boot (about one boot in
-	# three, whatever the CPU model) right after the cmpxchg16b of SLUB's
-	# per-CPU fast path under this qemu's software emulation. Without CX16
-	# the kernel does that step with its own routine, and boots every time.
+	# two, whatever the CPU model), mostly right after the cmpxchg16b of
+	# SLUB's per-CPU fast path, under this qemu's software emulation. Without
+	# CX16 the kernel does that step with its own routine, and boots every
+	# time (tools/vm/README.md).
 	X86_CPU=max
 	[[ $LINE != 6.12 ]] || X86_CPU=max,-cx16
 	QEMU_BOARD=(-cpu "${TAVREL_VM_CPU:-$X86_CPU}") CONSOLE=ttyS0
