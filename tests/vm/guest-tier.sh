@@ -3,8 +3,9 @@
 # full Debian kernel under qemu (tools/vm/run-guest.sh); or the README's
 # demonstration there.
 #
-# usage: tests/vm/guest-tier.sh x86_64|armhf BUILD_DIR [kernel|demo]
+# usage: tests/vm/guest-tier.sh x86_64|armhf BUILD_DIR [kernel|demo] [5.10|6.1|6.12]
 #
+# The last argument is the kernel line (default 6.1), passed on as --kernel.
 # The payload: the tree's tavrel_kernel_tests (not for the demonstration),
 # tavrelctl and udp_encap_holder, libnltavrel, libtavrel_host and the liblog
 # the tree linked (each under its SONAME), tests/e2e, tests/vm/run.sh (which
@@ -16,7 +17,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 [[ $# -ge 2 ]] || { sed -n 's/^# usage: //p' "${BASH_SOURCE[0]}" >&2; exit 2; }
-arch=$1 build=$(cd "$2" && pwd) mode=${3:-kernel}
+arch=$1 build=$(cd "$2" && pwd) mode=${3:-kernel} line=${4:-6.1}
 
 payload=$(mktemp -d "${TMPDIR:-/tmp}/tavrel-payload.XXXXXX")
 trap 'rm -rf "$payload"' EXIT
@@ -28,7 +29,8 @@ for f in "${files[@]}"; do
 	[[ -x $build/$f ]] || { echo "guest-tier: $build/$f is not built" >&2; exit 125; }
 	cp "$build/$f" "$payload/bin/"
 done
-liblog=$(sed -n 's/^TAVREL_ANDROID_LOG_LIBRARY:FILEPATH=//p' "$build/CMakeCache.txt")
+# CTest passes it; a tree that is a parent project's subdirectory has no cache.
+liblog=${TAVREL_VM_LIBLOG:-$(sed -n 's/^TAVREL_ANDROID_LOG_LIBRARY:FILEPATH=//p' "$build/CMakeCache.txt")}
 for lib in "$build/libnltavrel.so" "$build/libtavrel_host.so" "$liblog"; do
 	soname=$(readelf -d "$lib" | sed -n 's/.*(SONAME).*\[\(.*\)\]$/\1/p')
 	cp -L "$lib" "$payload/lib/${soname:-${lib##*/}}"
@@ -36,8 +38,9 @@ done
 cp "$root"/tests/e2e/*.sh "$payload/e2e/"
 cp "$root/tests/vm/run.sh" "$payload/run.sh"
 echo "$mode" >"$payload/mode"
+echo "$line" >"$payload/kernel-line"
 [[ $mode != demo ]] || cp -r "$root/tools/demo" "$root/tools/examples" "$payload/tools/"
 
 status=0
-"$root/tools/vm/run-guest.sh" --arch "$arch" --payload "$payload" --timeout "${TAVREL_VM_TIMEOUT:-600}" || status=$?
+"$root/tools/vm/run-guest.sh" --arch "$arch" --kernel "$line" --payload "$payload" --timeout "${TAVREL_VM_TIMEOUT:-600}" || status=$?
 exit $status
