@@ -1,34 +1,17 @@
 #!/bin/bash
-# An IPsec tunnel between two network namespaces joined by a veth pair, once
-# with plain ESP and once with ESP in UDP. Side A is configured only through
-# the library (tavrelctl: its SA pair from an SA configuration file, its
-# output, input and forward policies); side B through iproute2 with the
-# mirrored SPIs and keys. Pings between the two inner addresses must pass
-# through the SAs of both sides; after the library removed side A's SAs and
-# policies they must no longer pass.
-#
-# Needs a kernel with ESP (the guest of tools/vm); all traffic stays between
-# the two namespaces.
-#
-# usage: tunnel.sh TAVRELCTL UDP_ENCAP_HOLDER [--show]
-#   --show  print each command with its output, and the kernel's view
-# Ends with "N passed, N failed"; the status is 0 when nothing failed.
+# An IPsec tunnel between two network namespaces joined by a veth pair, with plain
+# ESP and with ESP in UDP: side A set up and torn down only by the library
+# (tavrelctl), side B by iproute2 with the mirrored SPIs and keys. Pings between
+# the inner addresses must pass through all four SAs until side A is torn down.
+# Needs a kernel with ESP (the guest of tools/vm); traffic stays in the namespaces.
+# usage: tunnel.sh TAVRELCTL UDP_ENCAP_HOLDER [--show: each command, its output
+# and the kernel's view]. Ends with "N passed, N failed".
 set -uo pipefail
-
 ctl=$1 holder=$2 show=${3:-}
-work=$(mktemp -d)
-holders=()
-reset() {
-	kill "${holders[@]}" 2>/dev/null
-	holders=()
-	ip netns del tunA 2>/dev/null
-	ip netns del tunB 2>/dev/null
-}
+work=$(mktemp -d) holders=()
+reset() { kill "${holders[@]}" 2>/dev/null; holders=(); ip netns del tunA 2>/dev/null; ip netns del tunB 2>/dev/null; }
 trap 'reset; rm -rf "$work"' EXIT
-
-# Outer (veth) and inner addresses, SPIs and keys of side A's SA pair.
-a_out=192.0.2.1 b_out=192.0.2.2 a_in=198.51.100.1 b_in=203.0.113.1
-spi_tx=0x1001 spi_rx=0x2001
+a_out=192.0.2.1 b_out=192.0.2.2 a_in=198.51.100.1 b_in=203.0.113.1 spi_tx=0x1001 spi_rx=0x2001
 crypt_tx=000102030405060708090a0b0c0d0e0f crypt_rx=f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff
 auth_tx=202122232425262728292a2b2c2d2e2f303132333435363738393a3b3c3d3e3f
 auth_rx=404142434445464748494a4b4c4d4e4f505152535455565758595a5b5c5d5e5f
@@ -37,18 +20,10 @@ passed=0 failed=0
 check() {
 	local name=$1
 	shift
-	if [[ $show == --show ]]; then "$@"; else "$@" >"$work/check.out" 2>&1; fi
-	if [[ $? -eq 0 ]]; then
-		echo "ok   $name"
-		passed=$((passed + 1))
-	else
-		echo "FAIL $name"
-		[[ $show == --show ]] || sed 's/^/    /' "$work/check.out"
-		failed=$((failed + 1))
-	fi
+	if [[ $show == --show ]]; then "$@"; else "$@" >"$work/out" 2>&1; fi && { echo "ok   $name"; ((++passed)); return; }
+	echo "FAIL $name" && ((++failed)) && [[ $show != --show ]] && sed 's/^/    /' "$work/out"
 }
-# A command in a namespace, printed with its output in --show mode.
-in_ns() {
+in_ns() {  # a command in a namespace, printed with its output in --show mode
 	local ns=$1
 	shift
 	[[ $show == --show ]] || { ip netns exec "$ns" "$@"; return; }
@@ -58,100 +33,74 @@ in_ns() {
 }
 view() { [[ $show != --show ]] || in_ns "$@"; }
 lib() { in_ns tunA "$ctl" --diag "$@"; }
-# Packets counted by each SA of a namespace, in the kernel's order.
+# Packets counted by each SA of a namespace; all_grew BEFORE AFTER: each of the four grew.
 packets() { ip -n "$1" -s xfrm state | sed -n 's/.*, \([0-9]*\)(packets).*/\1/p' | tr '\n' ' '; }
-counters() { echo "$(packets tunA)$(packets tunB)"; }
-all_grew() {  # before after: each of the four counters grew
+all_grew() {
 	local -a b a
-	read -ra b <<<"$1"
-	read -ra a <<<"$2"
+	read -ra b <<<"$1" && read -ra a <<<"$2"
 	[[ ${#b[@]} -eq 4 && ${#a[@]} -eq 4 ]] && ((a[0] > b[0] && a[1] > b[1] && a[2] > b[2] && a[3] > b[3]))
 }
 holders_ready() {
-	for _ in $(seq 50); do
-		[[ $(cat "$work"/holder-* 2>/dev/null) == $'ready\nready' ]] && return 0
-		sleep 0.1
-	done
-	cat "$work"/holder-*
-	return 1
+	for _ in $(seq 50); do [[ $(cat "$work"/holder-* 2>/dev/null) == $'ready\nready' ]] && return 0 || sleep 0.1; done
+	cat "$work"/holder-* && false
 }
-
 setup_namespaces() {
-	ip netns add tunA && ip netns add tunB &&
-		ip link add vA netns tunA type veth peer name vB netns tunB &&
-		ip -n tunA link set lo up && ip -n tunB link set lo up &&
-		ip -n tunA link set vA up && ip -n tunB link set vB up &&
+	ip netns add tunA && ip netns add tunB && ip link add vA netns tunA type veth peer name vB netns tunB &&
 		ip -n tunA addr add $a_out/24 dev vA && ip -n tunB addr add $b_out/24 dev vB &&
-		ip -n tunA addr add $a_in/32 dev lo && ip -n tunB addr add $b_in/32 dev lo &&
-		ip -n tunA route add $b_in/32 via $b_out src $a_in &&
-		ip -n tunB route add $a_in/32 via $a_out src $b_in
+		ip -n tunA addr add $a_in/32 dev lo && ip -n tunB addr add $b_in/32 dev lo || return
+	for ns in tunA:vA tunB:vB; do ip -n ${ns%:*} link set lo up && ip -n ${ns%:*} link set ${ns#*:} up || return; done
+	ip -n tunA route add $b_in/32 via $b_out src $a_in && ip -n tunB route add $a_in/32 via $a_out src $b_in
 }
-
-# Side B mirrors side A: A's TX SA is B's incoming one. $1: esp or encap.
-setup_side_b() {
-	local encap=() dir
+setup_side_b() {  # mirrors side A: A's TX SA is B's incoming one. $1: esp or encap.
+	local encap=() sa
 	[[ $1 == encap ]] && encap=(encap espinudp 4500 4500 0.0.0.0)
-	in_ns tunB ip xfrm state add src $a_out dst $b_out proto esp spi $spi_tx mode tunnel \
-		enc 'cbc(aes)' 0x$crypt_tx auth-trunc 'hmac(sha256)' 0x$auth_tx 128 "${encap[@]}" &&
-		in_ns tunB ip xfrm state add src $b_out dst $a_out proto esp spi $spi_rx mode tunnel \
-			enc 'cbc(aes)' 0x$crypt_rx auth-trunc 'hmac(sha256)' 0x$auth_rx 128 "${encap[@]}" &&
-		in_ns tunB ip xfrm policy add src $b_in dst $a_in dir out \
-			tmpl src $b_out dst $a_out proto esp spi $spi_rx mode tunnel || return
-	for dir in in fwd; do
-		in_ns tunB ip xfrm policy add src $a_in dst $b_in dir $dir \
-			tmpl src $a_out dst $b_out proto esp spi $spi_tx mode tunnel || return
+	for sa in "$a_out $b_out $spi_tx $crypt_tx $auth_tx" "$b_out $a_out $spi_rx $crypt_rx $auth_rx"; do
+		set -- $sa
+		in_ns tunB ip xfrm state add src $1 dst $2 proto esp spi $3 mode tunnel \
+			enc 'cbc(aes)' 0x$4 auth-trunc 'hmac(sha256)' 0x$5 128 "${encap[@]}" || return
 	done
+	in_ns tunB ip xfrm policy add src $b_in dst $a_in dir out tmpl src $b_out dst $a_out proto esp spi $spi_rx mode tunnel &&
+		in_ns tunB ip xfrm policy add src $a_in dst $b_in dir in tmpl src $a_out dst $b_out proto esp spi $spi_tx mode tunnel &&
+		in_ns tunB ip xfrm policy add src $a_in dst $b_in dir fwd tmpl src $a_out dst $b_out proto esp spi $spi_tx mode tunnel
 }
-
-# Side A through the library only.
 setup_side_a() {
-	{
-		printf 'local = %s\ndest = %s\nprotocol = esp\nmode = tunnel\n' $a_out $b_out
-		printf 'spi_tx = %s\nspi_rx = %s\n' $spi_tx $spi_rx
-		printf 'crypto_algo = 12\naes_mode = cbc\ncrypto_key_tx = %s\ncrypto_key_rx = %s\n' $crypt_tx $crypt_rx
-		printf 'hash_algo = 6\nhash_key_tx = %s\nhash_key_rx = %s\n' $auth_tx $auth_rx
-		[[ $1 == encap ]] && printf 'udp_encap = 1\nudp_encap_port = 4500\n'
-	} >"$work/sa.conf"
+	printf 'local = %s\ndest = %s\nprotocol = esp\nmode = tunnel\nspi_tx = %s\nspi_rx = %s\ncrypto_algo = 12\naes_mode = cbc
+crypto_key_tx = %s\ncrypto_key_rx = %s\nhash_algo = 6\nhash_key_tx = %s\nhash_key_rx = %s\n' $a_out $b_out $spi_tx $spi_rx \
+		$crypt_tx $crypt_rx $auth_tx $auth_rx >"$work/sa.conf"
+	[[ $1 == encap ]] && printf 'udp_encap = 1\nudp_encap_port = 4500\n' >>"$work/sa.conf"
 	view tunA cat "$work/sa.conf"
 	lib xfrm_add_states "$work/sa.conf" 0 0 0 &&
 		lib xfrm_add_policies $a_out $b_out $spi_tx $spi_rx esp tunnel $a_in $b_in - tx &&
 		lib xfrm_add_policies $a_out $b_out $spi_tx $spi_rx esp tunnel $b_in $a_in - rx
 }
-
 teardown_side_a() {
 	lib xfrm_remove_states $a_out $b_out $spi_tx $spi_rx esp tunnel &&
 		lib xfrm_remove_policies $a_in $b_in - tx && lib xfrm_remove_policies $b_in $a_in - rx
 }
 
-for variant in esp encap; do
+for v in esp encap; do
 	[[ $show == --show ]] && printf '\n\033[1m== Tunnel: %s\033[0m\n' \
-		"$([[ $variant == esp ]] && echo "ESP" || echo "ESP in UDP, port 4500 on both sides")"
+		"$([[ $v == esp ]] && echo "ESP" || echo "ESP in UDP, port 4500 on both sides")"
 	reset
-	check "$variant: namespaces joined by a veth pair" setup_namespaces
-	if [[ $variant == encap ]]; then
+	check "$v: namespaces joined by a veth pair" setup_namespaces
+	if [[ $v == encap ]]; then
 		rm -f "$work"/holder-*
-		for ns in tunA tunB; do
-			ip netns exec $ns "$holder" 4500 120 >"$work/holder-$ns" 2>&1 &
-			holders+=($!)
-		done
-		check "$variant: UDP_ENCAP_ESPINUDP sockets on port 4500" holders_ready
+		for ns in tunA tunB; do ip netns exec $ns "$holder" 4500 120 >"$work/holder-$ns" 2>&1 & holders+=($!); done
+		check "$v: UDP_ENCAP_ESPINUDP sockets on port 4500" holders_ready
 	fi
-	check "$variant: side B through iproute2" setup_side_b $variant
-	check "$variant: side A through the library" setup_side_a $variant
-	view tunA ip xfrm state
-	view tunA ip xfrm policy
-	before=$(counters)
-	check "$variant: ping through the tunnel" in_ns tunA ping -c 3 -W 2 $b_in
-	after=$(counters)
-	check "$variant: the counters of all four SAs grew ($before-> $after)" all_grew "$before" "$after"
+	check "$v: side B through iproute2" setup_side_b $v
+	check "$v: side A through the library" setup_side_a $v
+	view tunA ip xfrm state && view tunA ip xfrm policy
+	before=$(packets tunA)$(packets tunB)
+	check "$v: ping through the tunnel" in_ns tunA ping -c 3 -W 2 $b_in
+	after=$(packets tunA)$(packets tunB)
+	check "$v: the counters of all four SAs grew ($before-> $after)" all_grew "$before" "$after"
 	view tunA ip -s xfrm state
-	check "$variant: side A torn down through the library" teardown_side_a
-	check "$variant: no SA and no policy left on side A" \
-		test -z "$(ip -n tunA xfrm state)$(ip -n tunA xfrm policy)"
+	check "$v: side A torn down through the library" teardown_side_a
+	check "$v: no SA and no policy left on side A" test -z "$(ip -n tunA xfrm state)$(ip -n tunA xfrm policy)"
 	before=$(packets tunB)
-	check "$variant: ping no longer passes" eval "! in_ns tunA ping -c 2 -W 1 $b_in"
-	check "$variant: side B's SAs saw nothing more" test "$before" = "$(packets tunB)"
+	check "$v: ping no longer passes" eval "! in_ns tunA ping -c 2 -W 1 $b_in"
+	check "$v: side B's SAs saw nothing more" test "$before" = "$(packets tunB)"
 done
-
 echo "tunnel: $passed passed, $failed failed"
 [[ $failed -eq 0 ]]

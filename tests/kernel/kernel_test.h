@@ -12,25 +12,26 @@
 #include "tavrel_host.h"
 
 inline std::string kernel_log;  // what the diagnostics sink received
-inline bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
 // What a command (iproute2, mostly) printed on stdout and stderr.
 inline std::string sh(const std::string &command)
 {
     std::string out;
-    char buf[4096];
-    const std::unique_ptr<FILE, int (*)(FILE *)> p(popen(("exec 2>&1; " + command).c_str(), "r"), pclose);
-    for (size_t n; p && (n = fread(buf, 1, sizeof buf, p.get())) > 0;)
-        out.append(buf, n);
+    if (FILE *p = popen(("exec 2>&1; " + command).c_str(), "r")) {
+        for (int c; (c = fgetc(p)) != EOF;)
+            out += static_cast<char>(c);
+        pclose(p);
+    }
     return out;
 }
-
 #define SH_OK(command) do { ASSERT_EQ(sh(command), "") << (command); } while (0)  // iproute2 is silent on success
 
-// A missing feature (ESP, the prio qdisc) shortens or skips a test; the full-kernel tier (tests/vm) fails it.
-inline bool kernel_has(bool present, const char *feature)
+// Whether a probe succeeds. Where a feature (ESP, the prio qdisc) is missing a
+// test takes a shorter path or skips; in the full-kernel tier (tests/vm) it fails.
+inline bool kernel_has(const std::string &probe, const char *feature)
 {
-    EXPECT_TRUE(present || getenv("TAVREL_FULL_KERNEL") == nullptr) << "the full kernel lacks " << feature;
+    const bool present = sh(probe).empty();
+    EXPECT_TRUE(present || !getenv("TAVREL_FULL_KERNEL")) << "the full kernel lacks " << feature;
     return present;
 }
 
@@ -61,18 +62,23 @@ inline bool kernel_before(int major, int minor)
     return ma < major || (ma == major && mi < minor);
 }
 
-// A library call's result, regular expressions over what `show` then prints
-// and texts logged since the last check; a leading '!' negates either.
+// Each part found in text (as a POSIX extended expression if re); a leading '!' negates.
+inline void expect_in(const std::string &text, const std::vector<std::string> &parts, bool re = false)
+{
+    for (const std::string &p : parts) {
+        const std::string s = p.substr(p[0] == '!');
+        EXPECT_NE(re ? matches(text, s) : text.find(s) != text.npos, p[0] == '!') << p << "\n" << text;
+    }
+}
+
+// A library call's result, what `show` then prints and what was logged since the last check.
 inline void check(const char *what, int result, int expected, const std::string &show,
                   const std::vector<std::string> &shown, const std::vector<std::string> &logged = {})
 {
     SCOPED_TRACE(what);
     EXPECT_EQ(result, expected) << kernel_log;
-    const std::string out = sh(show);
-    for (const std::string &re : shown)
-        EXPECT_NE(matches(out, re.substr(re[0] == '!')), re[0] == '!') << re << "\n" << out;
-    for (const std::string &text : logged)
-        EXPECT_NE(has(kernel_log, text.substr(text[0] == '!')), text[0] == '!') << text << "\n" << kernel_log;
+    expect_in(sh(show), shown, true);
+    expect_in(kernel_log, logged);
     kernel_log.clear();
 }
 

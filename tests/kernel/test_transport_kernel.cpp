@@ -15,7 +15,6 @@ struct rule_request {
     nlattr table_attr;
     uint32_t table;
 };
-static_assert(sizeof(rule_request) == 44, "RTM_NEWRULE with FRA_PRIORITY and FRA_TABLE");
 
 // "1234: from all lookup 77"; with a source length but no FRA_SRC, refused with a reason.
 static rule_request rule(uint16_t flags, uint8_t src_len = 0)
@@ -31,15 +30,11 @@ TEST_F(KernelTest, RuleTransactionsWithAndWithoutAck)
         const char *what;
         rule_request request;
         int result, kernel_error;
-        std::string logged;
-    } rows[] = {
-        {"added", rule(add | NLM_F_ACK), 0, 0, "tavrel_netlink_transact(): NL ACK received from kernel\n"},
-        {"duplicate", rule(add | NLM_F_ACK), -1, -EEXIST, "tavrel_netlink_transact(): Kernel reports error -17\n"},
-        {"explained", rule(add | NLM_F_ACK, 8), -1, -EINVAL,
-         "tavrel_netlink_transact(): Kernel reports error -22\n"
-         "tavrel_nla_extack(): EXTACK reports Invalid source address\n"},
-        {"duplicate, unread", rule(add), 0, 0, "tavrel_netlink_transact(): Not requesing ACK for NL message\n"},
-    };
+        const char *logged;
+    } rows[] = {{"added", rule(add | NLM_F_ACK), 0, 0, ""},
+                {"duplicate", rule(add | NLM_F_ACK), -1, -EEXIST, ""},
+                {"explained", rule(add | NLM_F_ACK, 8), -1, -EINVAL, "EXTACK reports Invalid source address\n"},
+                {"duplicate, unread", rule(add), 0, 0, ""}};
     for (const auto &row : rows) {
         int kernel_error = 99;
         check(row.what, tavrel_netlink_transact(&row.request.header, NETLINK_ROUTE, &kernel_error), row.result,
@@ -52,8 +47,7 @@ TEST_F(KernelTest, GenericNetlinkFamilyLookup)
 {
     uint16_t id = 0;
     check("nlctrl", tavrel_netlink_query_genl("nlctrl", 1, &id), 0, "", {});
-    check("unknown", tavrel_netlink_query_genl("no_such_family", 1, &id), -1, "", {},
-          {"tavrel_netlink_query(): Kernel reports error -2\n", "tavrel_netlink_query_genl(): Netlink query failed\n"});
+    check("unknown", tavrel_netlink_query_genl("no_such_family", 1, &id), -1, "", {}, {"error -2\n"});
     EXPECT_EQ(id, GENL_ID_CTRL);  // from the first lookup, untouched by the second
 }
 

@@ -15,18 +15,16 @@ TEST_F(XfrmPolicyKernel, TunnelPoliciesAddedReadBackAndRemoved)
         return "src 10.1.0.0/16 dst 10.2.0.0/16 proto tcp \n\tdir " + dir + " priority 100 ptype main \n\ttmpl " +
                tmpl + "\n\t\tproto esp spi " + spi + " reqid 0 mode tunnel\n";
     };
-    const std::string tx = "src 192.0.2.1 dst 198.51.100.2", rx = "src 198.51.100.2 dst 192.0.2.1";
+    const std::string rx = "src 198.51.100.2 dst 192.0.2.1";
     check("output", tavrel_xfrm_add_policies(&kPair, src, dst, "6", 1), 0, "ip xfrm policy",
-          {policy("out", tx, "0x00001000")});
+          {policy("out", "src 192.0.2.1 dst 198.51.100.2", "0x00001000")});
     check("input and forward", tavrel_xfrm_add_policies(&kPair, src, dst, "6", 0), 0, "ip xfrm policy",
           {policy("in", rx, "0x00002000"), policy("fwd", rx, "0x00002000")});
-    check("output again", tavrel_xfrm_add_policies(&kPair, src, dst, "6", 1), -1, "", {},
-          {"Kernel reports error -17\n", "tavrel_xfrm_add_policies(): Setting outgoing XFRM policy failed\n"});
+    check("output again", tavrel_xfrm_add_policies(&kPair, src, dst, "6", 1), -1, "", {}, {"error -17\n"});
     check("output removed", tavrel_xfrm_remove_policies(src, dst, "6", 1), 0, "ip xfrm policy",
           {"!dir out", "dir in", "dir fwd"});
     check("input and forward removed", tavrel_xfrm_remove_policies(src, dst, "6", 0), 0, "ip xfrm policy", {"^$"});
-    check("nothing to remove", tavrel_xfrm_remove_policies(src, dst, "6", 1), -1, "", {},
-          {"tavrel_xfrm_remove_policies(): removing outgoing XFRM policy failed\n"});
+    check("nothing to remove", tavrel_xfrm_remove_policies(src, dst, "6", 1), -1, "", {});
 }
 
 // ICMPv6 to fe80::/64 passes untransformed, preferred to the tunnel by its priority.
@@ -37,28 +35,25 @@ TEST_F(XfrmPolicyKernel, LinkLocalIcmpv6Bypass)
           {"^" + bypass + "out priority 10 ptype main \n$"});
     check("input", tavrel_xfrm_add_policy_ex(XFRM_POLICY_IN), 0, "ip xfrm policy",
           {bypass + "in priority 10 ptype main \n", "!tmpl"});
-    check("output again", tavrel_xfrm_add_policy_ex(XFRM_POLICY_OUT), -1, "", {},
-          {"tavrel_xfrm_add_policy_ex(): Sending XFRM policy failed\n"});
+    check("output again", tavrel_xfrm_add_policy_ex(XFRM_POLICY_OUT), -1, "", {}, {"error -17\n"});
     check("output removed", tavrel_xfrm_remove_policy_ex(XFRM_POLICY_OUT), 0, "ip xfrm policy", {"!dir out", "dir in"});
     check("input removed", tavrel_xfrm_remove_policy_ex(XFRM_POLICY_IN), 0, "ip xfrm policy", {"^$"});
     check("nothing to remove", tavrel_xfrm_remove_policy_ex(XFRM_POLICY_IN), -1, "", {});
 }
 
 // Of the pair's two SAs and two others (its TX SPI towards another peer,
-// another SPI from its peer) exactly the pair goes; without ESP in the kernel
-// the dump finds nothing.
+// another SPI from its peer) exactly the pair goes.
 TEST_F(XfrmPolicyKernel, RemoveStatesDeletesExactlyThePair)
 {
-    const auto add = [](std::string src, const char *dst, const char *spi) {
-        return sh("ip xfrm state add src " + src + " dst " + dst + " proto esp spi " + spi +
-                  " mode tunnel enc 'cbc(aes)' 0x" + std::string(32, '7')).empty();
+    const auto add = [](const char *src, const char *dst, const char *spi) {
+        return std::string("ip xfrm state add src ") + src + " dst " + dst + " proto esp spi " + spi +
+               " mode tunnel enc 'cbc(aes)' 0x" + std::string(32, '7');
     };
     const bool esp = kernel_has(add("192.0.2.1", "198.51.100.2", "0x1000"), "ESP (esp4, xfrm_user)");
-    ASSERT_TRUE(!esp || (add("198.51.100.2", "192.0.2.1", "0x2000") && add("192.0.2.1", "198.51.100.3", "0x1000") &&
-                         add("198.51.100.2", "192.0.2.1", "0x3000")));
+    if (esp)
+        SH_OK(add("198.51.100.2", "192.0.2.1", "0x2000") + " && " + add("192.0.2.1", "198.51.100.3", "0x1000") +
+              " && " + add("198.51.100.2", "192.0.2.1", "0x3000"));
     check("removed", tavrel_xfrm_remove_states(&kPair), 0, "ip xfrm state",
           {"!dst 198.51.100.2\n", "!spi 0x00002000", esp ? "dst 198.51.100.3\n\tproto esp spi 0x00001000" : "^$",
-           esp ? "spi 0x00003000" : "^$"},
-          {esp ? "removing TX XFRM state\n" : "!removing",
-           esp ? "removing RX XFRM state\n" : "tavrel_netlink_dump(): closing file descriptor", "!failed"});
+           esp ? "spi 0x00003000" : "^$"}, {"!failed"});
 }
