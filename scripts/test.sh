@@ -8,6 +8,9 @@
 #   build the install check.
 #   armhf cross build (arm-linux-gnueabihf-g++): the unit tests under
 #   qemu-arm, the symbol checks and the install check.
+#   clang with libFuzzer, ASan and UBSan: every fuzz target for 30 s.
+#   clang with ThreadSanitizer: the kernel tier, its 16-thread test included.
+#   The g++ build also runs the unit and kernel tiers under valgrind memcheck.
 #   full-kernel tier, last: the kernel tier and the end-to-end IPsec tunnel
 #   of the g++ and the armhf build inside Debian kernels under qemu
 #   (x86_64 and 32-bit ARM), where no test may be skipped.
@@ -35,13 +38,21 @@ run_ctest() {  # name, dir, ctest args...
 }
 
 configure_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-run_ctest "g++: unit, symbols and kernel tier" build -LE vm
+run_ctest "g++: unit, symbols, kernel tier, both under valgrind" build -LE vm
 
 configure_build build-clang -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
 run_ctest "clang++: unit and symbols" build-clang -L unit
 
 configure_build build-asan -DCMAKE_BUILD_TYPE=Debug -DTAVREL_SANITIZE=ON
 run_ctest "g++ ASan+UBSan: unit and kernel tier" build-asan -LE vm
+
+configure_build build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+  -DTAVREL_FUZZ=ON -DTAVREL_BUILD_TOOLS=OFF
+run_ctest "clang libFuzzer+ASan+UBSan: fuzz targets" build-fuzz -L fuzz
+
+configure_build build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+  -DTAVREL_TSAN=ON -DTAVREL_BUILD_TOOLS=OFF
+run_ctest "clang ThreadSanitizer: kernel tier" build-tsan -L kernel
 
 configure_build build-armhf -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake"
 run_ctest "armhf: unit under qemu-arm, symbols and install" build-armhf -LE vm
