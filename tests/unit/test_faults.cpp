@@ -123,7 +123,7 @@ TEST_F(Faults, EveryExportEveryFailingCall)
     static const tavrel_ip_addr v4 = ip("10.1.2.3"), v6 = ip("2001:db8::5");
     static const struct {
         nlmsghdr h;
-        uint8_t body[12];
+        uint8_t body[64];  // room for the attributes the put rows add
     } request = {{28, RTM_NEWRULE, NLM_F_REQUEST | NLM_F_ACK, 0, 0}, {AF_INET}};
     const P record = P().reply(fk::datagram({label_entry(7)}));
     const P genl = P().reply(fk::datagram({{GENL_ID_CTRL, 0, bytes(4) + fk::attr(CTRL_ATTR_FAMILY_ID, {0x1c, 0})}}));
