@@ -3,7 +3,11 @@
 // that stack, with the sinks off and on, whether the kernel accepts the SA or
 // refuses it echoing the whole request.
 #include <pthread.h>
+#if __has_include(<valgrind/memcheck.h>)
 #include <valgrind/memcheck.h>
+#else
+#define VALGRIND_MAKE_MEM_DEFINED(address, size) ((void)(address), (void)(size))
+#endif
 
 #include <functional>
 
@@ -71,7 +75,7 @@ TEST_F(KeyHygiene, NoKeyBytesOrKeyTextLeftOnTheStack)
         {"add_states", [&] { return tavrel_xfrm_add_states(&cfg, 0, 0, 0); }},
         {"add_state_from_addr_set", [&] { return tavrel_xfrm_add_state_from_addr_set(&set, 1, 0); }},
     };
-    for (const auto &[name, call] : calls)
+    for (const auto &[name, function] : calls)
         for (bool sinks : {false, true}) {
             std::vector<bytes> requests;
             for (bool refuse : {false, true}) {
@@ -80,12 +84,13 @@ TEST_F(KeyHygiene, NoKeyBytesOrKeyTextLeftOnTheStack)
                 for (size_t i = 0; i < 2; i++)
                     fk::expect_socket().reply(refuse ? fk::ack(-EEXIST, requests.at(i)) : fk::ack(0));
                 int result = 0;
+                const std::function<int()> &call = function;  // clang 14 cannot capture a structured binding
                 const bytes stack = on_zeroed_stack([&] { result = call(); });
                 EXPECT_EQ(result, refuse ? -1 : 0);
                 if (!refuse)
                     requests = fk::requests_on(NETLINK_XFRM), requests.resize(2, requests[0]);
                 // Key bytes, key-text characters.
-                EXPECT_EQ(std::make_pair(residue(stack, keys, false), residue(stack, keys, true)), std::make_pair(0ul, 0ul))
+                EXPECT_EQ(std::make_pair(residue(stack, keys, false), residue(stack, keys, true)), std::make_pair(size_t{0}, size_t{0}))
                     << name << (sinks ? ", sinks on, " : ", sinks off, ") << (refuse ? "refused" : "accepted");
             }
         }
