@@ -1,17 +1,8 @@
-// libFuzzer harness for everything the library parses from the kernel. The
-// build compiles it once per target, TAVREL_FUZZ_TARGET selecting the entry
-// point (tests/fuzz/CMakeLists.txt, Android.bp).
-//
-// Input: one parameter byte, then datagrams, each as a 2-byte little-endian
-// length and its bytes (cut to what is left). A fake kernel, interposed on the
-// socket calls, hands them to the library's receives in order, then answers
-// every further receive with an acknowledgement and NLMSG_DONE.
-//
-// Findings trap: reads past a received datagram (the rest of the library's
-// receive buffer is poisoned for ASan), a dump or query callback handed a
-// message outside its datagram, a socket left open, a heap block left over
-// other than the label list a failed dump leaves behind. The checked-
-// arithmetic stops (tavrel_check_failed -> abort) jump back here instead.
+// libFuzzer harness for everything the library parses from the kernel, built
+// once per target (TAVREL_FUZZ_TARGET). Input: a parameter byte, then
+// datagrams as a 2-byte little-endian length and bytes, which a fake kernel
+// hands to the receives before a clean end. Findings trap; the checked-
+// arithmetic stops jump back here. docs/hardening.md has the details.
 #include <arpa/inet.h>
 #include <sanitizer/asan_interface.h>
 #include <setjmp.h>
@@ -49,13 +40,6 @@ struct __attribute__((packed)) clean_end {
 } const kCleanEnd = {{36, NLMSG_ERROR, 0, 0, 0}, {0, {16, 0, 0, 0, 0}}, {20, NLMSG_DONE, NLM_F_MULTI, 0, 0}, 0};
 
 bool fake(int fd) { return fd >= kFdBase && fd < kFdBase + kFds && fd_open[fd - kFdBase]; }
-int fakes_open()
-{
-    int n = 0;
-    for (bool o : fd_open)
-        n += o;
-    return n;
-}
 
 void check_message(const nlmsghdr *m)
 {
@@ -155,7 +139,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (!stopped)
         may_leave_list = call(data[0], data + 1, size - 1);
     in_call = false;
-    if (!stopped && fakes_open() != 0)
+    if (!stopped && std::count(fd_open, fd_open + kFds, true) != 0)
         __builtin_trap();
     for (bool &o : fd_open)
         o = false;
