@@ -289,69 +289,133 @@ void kv_diag_emit_msg(const tavrel_log_site *site, ...);
 #define TAVREL_LOG_PRIO_MED ANDROID_LOG_INFO
 #define TAVREL_LOG_PRIO_HIGH ANDROID_LOG_INFO
 #define TAVREL_LOG_PRIO_ERR ANDROID_LOG_ERROR
-#define TAVREL_LOG_TEXT_LOW "(LOW):"
-#define TAVREL_LOG_TEXT_MED "(MED):"
-#define TAVREL_LOG_TEXT_HIGH "(HIGH):"
-#define TAVREL_LOG_TEXT_ERR "(ERR):"
 
-/* Writes the file-sink prefix: time with unpadded milliseconds, source file,
+/* The log statement's out-of-line part. It belongs to the library (hidden,
+ * never exported). The call site tests the switches first, so with every
+ * sink off a statement costs a few loads and tests and no call. */
+#define TAVREL_LOG_HIDDEN __attribute__((visibility("hidden")))
+
+/* A sink that prints a whole message: __android_log_print, or the file
+ * record's tavrel_log_file_print below. */
+typedef int (*tavrel_log_print_fn)(int priority, const char *tag, const char *format, ...);
+
+/* A call site's formatter: formats the statement into buffer (the
+ * diagnostics channel's) when buffer is not NULL, else prints it with print.
+ * It evaluates the statement's arguments afresh on every call. */
+typedef void (*tavrel_log_format_fn)(char *buffer, tavrel_log_print_fn print, void *closure);
+
+/* Runs the sinks that are on, in their order: the file record (prefix, the
+ * message, an empty line; only when file_function is not NULL), the
+ * diagnostics channel (a zeroed buffer of its own, handed over with the site
+ * and then wiped, since the text may carry key material) and the Android
+ * log, each through the call site's formatter. */
+TAVREL_LOG_HIDDEN void tavrel_log_emit(const tavrel_log_site *site, const char *file_function,
+                                       tavrel_log_format_fn format, void *closure);
+
+/* The file record's message, behind its prefix: written to logging_fd as
+ * fprintf would. Its first two parameters are unused; it has the Android
+ * log's signature so that a call site formats for both with one call. */
+TAVREL_LOG_HIDDEN int tavrel_log_file_print(int unused_priority, const char *unused_tag, const char *format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+/* The file record's prefix: time with unpadded milliseconds, source file,
  * function and line, then the level text. */
-static inline void tavrel_log_file_prefix(FILE *out, const char *prefix_format, const char *file, const char *function,
-                                          unsigned line)
+TAVREL_LOG_HIDDEN void tavrel_log_file_prefix(FILE *out, const tavrel_log_site *site, const char *function);
+
+#define TAVREL_LOG_SITE_(mask)                                                                                \
+    static const tavrel_log_site tavrel_log_site_ = {(uint16_t)__LINE__, TAVREL_LOG_SUBSYS_ID, (mask), "%s", __FILE__}
+
+#if defined(__cplusplus) && defined(TAVREL_LOG_OUT_OF_LINE)
+/* The library's own form (its sources and tests define
+ * TAVREL_LOG_OUT_OF_LINE): one call to the out-of-line part per statement. */
+extern "C++" {
+template <typename Closure>
+inline void tavrel_log_(const tavrel_log_site *site, const char *file_function, Closure &closure)
+{
+    tavrel_log_emit(
+        site, file_function,
+        [](char *buffer, tavrel_log_print_fn print, void *context) {
+            (*static_cast<Closure *>(context))(buffer, print);
+        },
+        &closure);
+}
+}
+
+/* The first argument (the logging function's name) is taken outside the
+ * formatter: inside it __func__ would name the formatter. */
+#define TAVREL_LOG_FILE_FUNCTION_1 tavrel_log_first_
+#define TAVREL_LOG_FILE_FUNCTION_0 NULL
+
+#define TAVREL_LOG_(to_file, mask, prio, format, first, ...)                                                  \
+    do {                                                                                                      \
+        TAVREL_LOG_SITE_(mask);                                                                               \
+        if ((to_file && log_to_file) || (kv_log_mask & 3u)) {                                                 \
+            const auto &tavrel_log_first_ = (first);                                                          \
+            auto tavrel_log_format_ = [&](char *tavrel_log_buffer_, tavrel_log_print_fn tavrel_log_print_) {  \
+                if (tavrel_log_buffer_ != NULL)                                                               \
+                    kv_format_log_msg(tavrel_log_buffer_, TAVREL_LOG_DIAG_BUFSZ, format, tavrel_log_first_,   \
+                                      ##__VA_ARGS__);                                                         \
+                else                                                                                          \
+                    tavrel_log_print_((prio), TAVREL_LOG_TAG, format, tavrel_log_first_, ##__VA_ARGS__);      \
+            };                                                                                                \
+            tavrel_log_(&tavrel_log_site_, TAVREL_LOG_FILE_FUNCTION_##to_file, tavrel_log_format_);           \
+        }                                                                                                     \
+    } while (0)
+#else
+/* Everyone else's form, C included: the same sinks written out at the call
+ * site, with nothing of the library's hidden part. */
+static inline void tavrel_log_inline_prefix_(FILE *out, const tavrel_log_site *site, const char *function)
 {
     struct timeval now;
     char clock_text[10];
     char time_text[25];
     time_t seconds;
+    const char *level = site->level_mask == TAVREL_LOG_MASK_LOW    ? "(LOW):"
+                        : site->level_mask == TAVREL_LOG_MASK_MED  ? "(MED):"
+                        : site->level_mask == TAVREL_LOG_MASK_HIGH ? "(HIGH):"
+                                                                   : "(ERR):";
 
     gettimeofday(&now, NULL);
     seconds = now.tv_sec;
+    /* Strict C11 has no localtime_r; the library's own form uses it. */
     strftime(clock_text, sizeof clock_text, "%T", localtime(&seconds));
     snprintf(time_text, sizeof time_text, "%s.%u", clock_text, (unsigned)(now.tv_usec / 1000));
-    fprintf(out, prefix_format, time_text, file, function, line);
+    fprintf(out, "%25s %70s %40s():%3u %s", time_text, site->file, function, (unsigned)site->line, level);
 }
 
 #define TAVREL_LOG_ARG2_(format, function, ...) function
-#define TAVREL_LOG_FUNCTION_(...) TAVREL_LOG_ARG2_(__VA_ARGS__, 0)
-
-#define TAVREL_LOG_SITE_(mask)                                                                                \
-    static const tavrel_log_site tavrel_log_site_ = {(uint16_t)__LINE__, TAVREL_LOG_SUBSYS_ID, (mask), "%s", __FILE__}
-
-#define TAVREL_LOG_FILE_SINK_(text, ...)                                                                      \
+#define TAVREL_LOG_C_FILE_0(...)
+#define TAVREL_LOG_C_FILE_1(...)                                                                              \
     if (log_to_file && logging_fd != NULL) {                                                                  \
-        tavrel_log_file_prefix(logging_fd, "%25s %70s %40s():%3u " text, __FILE__, TAVREL_LOG_FUNCTION_(__VA_ARGS__), \
-                               (unsigned)__LINE__);                                                           \
+        tavrel_log_inline_prefix_(logging_fd, &tavrel_log_site_, TAVREL_LOG_ARG2_(__VA_ARGS__, 0));           \
         fprintf(logging_fd, __VA_ARGS__);                                                                     \
         fputc('\n', logging_fd);                                                                              \
         fflush(logging_fd);                                                                                   \
     }
-
-#define TAVREL_LOG_OTHER_SINKS_(prio, ...)                                                                    \
-    if (kv_log_mask & 1u) {                                                                                   \
-        char tavrel_log_buffer_[TAVREL_LOG_DIAG_BUFSZ] = {0};                                                 \
-        kv_format_log_msg(tavrel_log_buffer_, sizeof tavrel_log_buffer_, __VA_ARGS__);                        \
-        kv_diag_emit_msg(&tavrel_log_site_, tavrel_log_buffer_);                                              \
-    }                                                                                                         \
-    if (kv_log_mask & 2u)                                                                                     \
-        __android_log_print((prio), TAVREL_LOG_TAG, __VA_ARGS__)
+#define TAVREL_LOG_(to_file, mask, prio, ...)                                                                 \
+    do {                                                                                                      \
+        TAVREL_LOG_SITE_(mask);                                                                               \
+        TAVREL_LOG_C_FILE_##to_file(__VA_ARGS__)                                                              \
+        if (kv_log_mask & 1u) {                                                                               \
+            char tavrel_log_buffer_[TAVREL_LOG_DIAG_BUFSZ] = {0};                                             \
+            kv_format_log_msg(tavrel_log_buffer_, sizeof tavrel_log_buffer_, __VA_ARGS__);                    \
+            kv_diag_emit_msg(&tavrel_log_site_, tavrel_log_buffer_);                                          \
+        }                                                                                                     \
+        if (kv_log_mask & 2u)                                                                                 \
+            __android_log_print((prio), TAVREL_LOG_TAG, __VA_ARGS__);                                         \
+    } while (0)
+#endif
 
 /* TAVREL_LOG(LOW|MED|HIGH|ERR, format, function_name, ...): format begins
- * with "%s(): " and its first argument is the logging function's name. The
- * arguments are evaluated once per sink on purpose, so errno and
- * strerror(errno) are read afresh for each. */
-#define TAVREL_LOG(level, ...)                                                                                \
-    do {                                                                                                      \
-        TAVREL_LOG_SITE_(TAVREL_LOG_MASK_##level);                                                            \
-        TAVREL_LOG_FILE_SINK_(TAVREL_LOG_TEXT_##level, __VA_ARGS__)                                           \
-        TAVREL_LOG_OTHER_SINKS_(TAVREL_LOG_PRIO_##level, __VA_ARGS__);                                        \
-    } while (0)
+ * with "%s(): " and its first argument is the logging function's name. Each
+ * call site keeps its own constant descriptor, line and file. Every sink is
+ * tested before anything is formatted, and the arguments are evaluated once
+ * per sink on purpose, so errno and strerror(errno) are read afresh for
+ * each. */
+#define TAVREL_LOG(level, ...) TAVREL_LOG_(1, TAVREL_LOG_MASK_##level, TAVREL_LOG_PRIO_##level, __VA_ARGS__)
 
 /* The same statement without the log-file sink. */
-#define TAVREL_LOG_NOFILE(level, ...)                                                                         \
-    do {                                                                                                      \
-        TAVREL_LOG_SITE_(TAVREL_LOG_MASK_##level);                                                            \
-        TAVREL_LOG_OTHER_SINKS_(TAVREL_LOG_PRIO_##level, __VA_ARGS__);                                        \
-    } while (0)
+#define TAVREL_LOG_NOFILE(level, ...) TAVREL_LOG_(0, TAVREL_LOG_MASK_##level, TAVREL_LOG_PRIO_##level, __VA_ARGS__)
 
 #ifdef __cplusplus
 }

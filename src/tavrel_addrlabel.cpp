@@ -88,7 +88,7 @@ const struct nlattr *attributes_of(const struct nlmsghdr *message)
 
 uint32_t payload_len(const struct nlattr *attr)
 {
-    return tavrel_ck_sub<uint32_t>(attr->nla_len, NLA_HDRLEN);
+    return tavrel_ck_sub<uint32_t>(tavrel_attr_len(attr), NLA_HDRLEN);
 }
 
 /* Copies at most room bytes of an attribute's payload into dst, which the
@@ -184,12 +184,20 @@ int tavrel_addrlabel_modify(uint16_t type, const tavrel_ip_addr *address, uint32
 extern "C" int tavrel_addrlabel_add(const tavrel_ip_addr *address, uint32_t prefix_length, uint32_t label,
                                     uint32_t interface_index)
 {
+    if (address == nullptr) {
+        TAVREL_NULL_ARG(__func__, "address");
+        return -1;
+    }
     return tavrel_addrlabel_modify(RTM_NEWADDRLABEL, address, prefix_length, label, interface_index);
 }
 
 extern "C" int tavrel_addrlabel_del(const tavrel_ip_addr *address, uint32_t prefix_length, uint32_t label,
                                     uint32_t interface_index)
 {
+    if (address == nullptr) {
+        TAVREL_NULL_ARG(__func__, "address");
+        return -1;
+    }
     return tavrel_addrlabel_modify(RTM_DELADDRLABEL, address, prefix_length, label, interface_index);
 }
 
@@ -223,13 +231,20 @@ int tavrel_addrlabel_nlmsg_parse(const struct nlmsghdr *message, const struct nl
 
 int tavrel_addrlabel_list_insert(tavrel_addrlabel_node *head, uint32_t label)
 {
-    tavrel_addrlabel_node *place = head->next;
-    while (place != head) {
-        if (place->label == label)
-            return 0;
-        if (place->label > label)
-            break;
-        place = place->next;
+    /* The kernel dumps labels mostly in ascending order: a label above the
+     * tail goes behind it at once, which keeps generation linear. */
+    tavrel_addrlabel_node *place = head;
+    if (head->prev == head || head->prev->label > label) {
+        place = head->next;
+        while (place != head) {
+            if (place->label == label)
+                return 0;
+            if (place->label > label)
+                break;
+            place = place->next;
+        }
+    } else if (head->prev->label == label) {
+        return 0;
     }
     auto *node = static_cast<tavrel_addrlabel_node *>(malloc(sizeof(tavrel_addrlabel_node)));
     if (node == nullptr) {
@@ -272,6 +287,10 @@ void tavrel_addrlabel_generate_cb(const struct nlmsghdr *message, void *context)
 
 extern "C" int tavrel_addrlabel_generate(uint32_t version, uint32_t mode, uint32_t *label)
 {
+    if (label == nullptr) {
+        TAVREL_NULL_ARG(__func__, "label");
+        return -1;
+    }
     if (mode == 1) {
         *label = 1;
         return 0;
@@ -404,6 +423,10 @@ void tavrel_addrlabel_purge_label_dump_cb(const struct nlmsghdr *message, void *
 extern "C" int tavrel_addrlabel_purge_label(const tavrel_ip_addr *address, uint32_t prefix_length,
                                             uint32_t interface_index)
 {
+    if (address == nullptr) {
+        TAVREL_NULL_ARG(__func__, "address");
+        return -1;
+    }
     purge_request request;
     memset(&request, 0, sizeof request);
     int address_len;

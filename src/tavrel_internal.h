@@ -73,6 +73,33 @@ inline void tavrel_bounded_copy(void *dst, size_t room, const void *src, size_t 
     memcpy(dst, src, n);
 }
 
+/* Clears a buffer that held key material, with a store the compiler may not
+ * drop as dead: the buffer is about to go out of scope. */
+inline void tavrel_wipe(void *buffer, size_t size)
+{
+    memset(buffer, 0, size);
+    __asm__ __volatile__("" : : "r"(buffer) : "memory");
+}
+
+/* Whether a log statement that goes to every sink would print anywhere:
+ * text made only for log lines is not made otherwise. */
+inline bool tavrel_log_on(void)
+{
+    return (log_to_file && logging_fd != NULL) || (kv_log_mask & 3u) != 0;
+}
+
+/* A required pointer argument that is NULL: one ERR line naming it. */
+void tavrel_null_arg(const char *function, const char *name);
+#define TAVREL_NULL_ARG(function, name) tavrel_null_arg(function, name)
+
+/* Received attributes may sit at any byte offset. */
+inline uint16_t tavrel_attr_len(const struct nlattr *attr)
+{
+    uint16_t len;
+    memcpy(&len, reinterpret_cast<const uint8_t *>(attr) + offsetof(struct nlattr, nla_len), sizeof len);
+    return len;
+}
+
 /* Descriptors are logged in pointer notation. */
 #define TAVREL_FD_PTR(fd) ((void *)(intptr_t)(fd))
 

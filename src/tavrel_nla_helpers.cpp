@@ -153,8 +153,16 @@ extern "C" void tavrel_check_failed(void)
 
 extern "C" void tavrel_nla_put(struct nlmsghdr *request, uint16_t type, int length, const void *data)
 {
+    if (request == nullptr) {
+        TAVREL_NULL_ARG("tavrel_nla_put", "request");
+        return;
+    }
     if (length < 0)
         return;
+    if (data == nullptr && length != 0) {
+        TAVREL_NULL_ARG("tavrel_nla_put", "data");
+        return;
+    }
     const uint32_t offset = tavrel_ck_align4<uint32_t>(request->nlmsg_len);
     const uint32_t attr_len = tavrel_ck_add<uint32_t>(static_cast<uint32_t>(length), NLA_HDRLEN);
     auto *attr = reinterpret_cast<struct nlattr *>(reinterpret_cast<uint8_t *>(request) + offset);
@@ -167,6 +175,10 @@ extern "C" void tavrel_nla_put(struct nlmsghdr *request, uint16_t type, int leng
 
 extern "C" int tavrel_nla_put_ip_addr(struct nlmsghdr *request, uint16_t type, const char *address_text)
 {
+    if (request == nullptr || address_text == nullptr) {
+        TAVREL_NULL_ARG(__func__, request == nullptr ? "request" : "address_text");
+        return -1;
+    }
     uint8_t buffer[16] = {0};
     if (strchr(address_text, ':') != nullptr) {
         if (inet_pton(AF_INET6, address_text, buffer) == 0) {
@@ -187,11 +199,19 @@ extern "C" int tavrel_nla_put_ip_addr(struct nlmsghdr *request, uint16_t type, c
 extern "C" void tavrel_nla_parse(const struct nlattr *first, const struct nlattr **table, uint32_t length,
                                  uint32_t max_type)
 {
+    if (table == nullptr) {
+        TAVREL_NULL_ARG("tavrel_nla_parse", "table");
+        return;
+    }
     const uint32_t entries = tavrel_ck_add<uint32_t>(max_type, 1);
     for (uint32_t i = 0; i < entries; i++)
         table[i] = nullptr;
     if (length < NLA_HDRLEN)
         return;
+    if (first == nullptr) {
+        TAVREL_NULL_ARG("tavrel_nla_parse", "first");
+        return;
+    }
 
     const auto *data = reinterpret_cast<const uint8_t *>(first);
     uint32_t remaining = length;
@@ -214,7 +234,10 @@ extern "C" void tavrel_nla_parse(const struct nlattr *first, const struct nlattr
 
 void tavrel_nla_extack(const struct nlmsghdr *error_message)
 {
-    if (!(error_message->nlmsg_flags & NLM_F_ACK_TLVS)) {
+    uint16_t flags;
+    memcpy(&flags, reinterpret_cast<const uint8_t *>(error_message) + offsetof(struct nlmsghdr, nlmsg_flags),
+           sizeof flags);
+    if (!(flags & NLM_F_ACK_TLVS)) {
         TAVREL_LOG(HIGH, "%s(): No EXTACK content\n", "tavrel_nla_extack");
         return;
     }
@@ -223,11 +246,11 @@ void tavrel_nla_extack(const struct nlmsghdr *error_message)
      * the walk therefore starts inside the tail of the echoed request. */
     const auto *bytes = reinterpret_cast<const uint8_t *>(error_message);
     uint32_t offset = kNlmsgHdrLen + sizeof(int32_t);
-    if (!(error_message->nlmsg_flags & NLM_F_CAPPED)) {
+    if (!(flags & NLM_F_CAPPED)) {
         const uint32_t echoed_len = load_u32(bytes + offset);
         offset = tavrel_ck_add<uint32_t>(offset, tavrel_ck_sub<uint32_t>(echoed_len, kNlmsgHdrLen));
     }
-    const uint32_t length = tavrel_ck_sub<uint32_t>(error_message->nlmsg_len, offset);
+    const uint32_t length = tavrel_ck_sub<uint32_t>(load_u32(bytes), offset);
 
     const struct nlattr *table[NLMSGERR_ATTR_MAX + 1];
     static_assert(NLMSGERR_ATTR_MAX >= 4, "extended-ack attribute table");
@@ -236,15 +259,13 @@ void tavrel_nla_extack(const struct nlmsghdr *error_message)
     if (msg == nullptr)
         return;
 
-    /* The kernel terminates the text, but a message that fills the receive
-     * buffer must not let the print run past it. */
-    char text[kRecvBufferSize];
-    size_t text_len = msg->nla_len - NLA_HDRLEN;
-    if (text_len > sizeof text - 1)
-        text_len = sizeof text - 1;
-    memcpy(text, reinterpret_cast<const uint8_t *>(msg) + NLA_HDRLEN, text_len);
-    text[text_len] = '\0';
-    TAVREL_LOG(ERR, "%s(): EXTACK reports %s\n", "tavrel_nla_extack", text);
+    /* The kernel terminates the text, but one that fills its attribute must
+     * not let the print run past it; the precision bounds it in place. The
+     * attribute may sit at any offset, as the echoed request's length
+     * decides. */
+    const int text_len = tavrel_attr_len(msg) - NLA_HDRLEN;
+    const char *text = reinterpret_cast<const char *>(msg) + NLA_HDRLEN;
+    TAVREL_LOG(ERR, "%s(): EXTACK reports %.*s\n", "tavrel_nla_extack", text_len, text);
 }
 
 /* ---- sockets and transactions ------------------------------------------------ */
@@ -277,6 +298,10 @@ int tavrel_netlink_open(int protocol)
 
 extern "C" int tavrel_netlink_transact(const struct nlmsghdr *request, int protocol, int *kernel_error)
 {
+    if (request == nullptr) {
+        TAVREL_NULL_ARG(__func__, "request");
+        return -1;
+    }
     recv_buffer buffer;
     memset(&buffer, 0, sizeof buffer);
     if (kernel_error != nullptr)
@@ -301,6 +326,8 @@ extern "C" int tavrel_netlink_transact(const struct nlmsghdr *request, int proto
             }
         }
     }
+    /* A refusal echoes the whole request back, keys included. */
+    tavrel_wipe(&buffer, sizeof buffer);
     close_socket(fd, __func__);
     return result;
 }
@@ -310,6 +337,10 @@ extern "C" int tavrel_netlink_transact(const struct nlmsghdr *request, int proto
 extern "C" int tavrel_netlink_dump(const struct nlmsghdr *request, int protocol, tavrel_dump_cb callback,
                                    void *context)
 {
+    if (request == nullptr || callback == nullptr) {
+        TAVREL_NULL_ARG(__func__, request == nullptr ? "request" : "callback");
+        return -1;
+    }
     recv_buffer buffer;
     memset(&buffer, 0, sizeof buffer);
 
@@ -366,6 +397,8 @@ extern "C" int tavrel_netlink_dump(const struct nlmsghdr *request, int protocol,
             return false;
         });
     }
+    /* Dumped security associations carry their keys. */
+    tavrel_wipe(&buffer, sizeof buffer);
     close_socket(fd, __func__);
     return result;
 }
@@ -375,6 +408,10 @@ extern "C" int tavrel_netlink_dump(const struct nlmsghdr *request, int protocol,
 extern "C" int tavrel_netlink_query(const struct nlmsghdr *request, int protocol, tavrel_query_cb callback,
                                     void *context, int response_required)
 {
+    if (request == nullptr || callback == nullptr) {
+        TAVREL_NULL_ARG(__func__, request == nullptr ? "request" : "callback");
+        return -1;
+    }
     recv_buffer buffer;
     memset(&buffer, 0, sizeof buffer);
 
@@ -423,6 +460,7 @@ extern "C" int tavrel_netlink_query(const struct nlmsghdr *request, int protocol
             }
         }
     }
+    tavrel_wipe(&buffer, sizeof buffer);
     close_socket(fd, __func__);
     return result;
 }
@@ -439,7 +477,7 @@ uint32_t tavrel_netlink_query_genl_cb(const struct nlmsghdr *message, void *cont
     if (id_attr == nullptr)
         return 2;
     uint16_t id = 0;
-    const size_t payload = id_attr->nla_len - NLA_HDRLEN;
+    const size_t payload = tavrel_attr_len(id_attr) - NLA_HDRLEN;
     memcpy(&id, reinterpret_cast<const uint8_t *>(id_attr) + NLA_HDRLEN, payload < sizeof id ? payload : sizeof id);
     *static_cast<int32_t *>(context) = id;
     return 1;
@@ -447,6 +485,10 @@ uint32_t tavrel_netlink_query_genl_cb(const struct nlmsghdr *message, void *cont
 
 extern "C" int tavrel_netlink_query_genl(const char *family_name, uint8_t version, uint16_t *family_id)
 {
+    if (family_name == nullptr || family_id == nullptr) {
+        TAVREL_NULL_ARG(__func__, family_name == nullptr ? "family_name" : "family_id");
+        return -1;
+    }
     struct {
         struct nlmsghdr header;
         struct genlmsghdr genl;

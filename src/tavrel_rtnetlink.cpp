@@ -269,6 +269,10 @@ extern "C" int tavrel_rtnetlink_del_ip_rule_by_prio(uint32_t priority)
 extern "C" int tavrel_rtnetlink_addr_cfg(const char *interface_name, const tavrel_ip_addr *address,
                                          uint32_t prefix_length, uint32_t operation, uint32_t lifetime)
 {
+    if (interface_name == nullptr || address == nullptr) {
+        TAVREL_NULL_ARG(__func__, interface_name == nullptr ? "interface_name" : "address");
+        return -1;
+    }
     addr_request r;
     memset(&r, 0, sizeof r);
     r.header.nlmsg_len = NLMSG_LENGTH(sizeof r.ifa);
@@ -323,6 +327,11 @@ extern "C" int tavrel_rtnetlink_addr_cfg(const char *interface_name, const tavre
 
 extern "C" int tavrel_rtnetlink_gso_max_size(const char *interface_name, uint32_t size)
 {
+    /* Like every message of this function, not for the log file. */
+    if (interface_name == nullptr) {
+        TAVREL_LOG_NOFILE(ERR, "%s(): %s is NULL\n", __func__, "interface_name");
+        return -1;
+    }
     link_request r;
     memset(&r, 0, sizeof r);
     r.header.nlmsg_len = NLMSG_LENGTH(sizeof r.ifi);

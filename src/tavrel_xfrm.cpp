@@ -114,16 +114,6 @@ constexpr uint32_t kCryptKeyRoom = kAlgAreaSize - kCryptHeaderLen; /* 444 */
 constexpr uint32_t kAuthKeyRoom = kAlgAreaSize - kAuthHeaderLen;   /* 440 */
 static_assert(kCryptKeyRoom == 444 && kAuthKeyRoom == 440, "algorithm key room");
 
-/* Algorithm area followed by a zeroed tail as long as the request's whole
- * attribute room. The daemon's address set may declare a key longer than the
- * key room: the copy is cut to the room, but the attribute still carries the
- * declared length, so the bytes past the cut key go out as zeros instead of
- * whatever lies next on the stack. */
-struct alg_scratch {
-    uint8_t bytes[sizeof(((xfrm_sa_request *)nullptr)->attributes)];
-};
-static_assert(sizeof(alg_scratch) >= kAlgAreaSize, "algorithm area");
-
 constexpr uint16_t kNattPort = 4500;
 
 /* The output mark routes the SA's packets by link technology; the codes and
@@ -209,6 +199,33 @@ void put_sa_attr(xfrm_sa_request *request, uint16_t type, uint32_t payload_len, 
     require_room(request, payload_len);
     tavrel_nla_put(&request->header, type, static_cast<int>(payload_len), payload);
 }
+
+/* Appends an attribute whose payload the caller then writes in place, so
+ * that keys are copied once, straight into the request. The request is
+ * zero-filled: a key declared longer than what was copied goes out padded
+ * with zeros. Lengths grow exactly as tavrel_nla_put grows them. */
+uint8_t *begin_sa_attr(xfrm_sa_request *request, uint16_t type, uint32_t payload_len)
+{
+    require_room(request, payload_len);
+    uint8_t *attr = reinterpret_cast<uint8_t *>(request) + tavrel_ck_align4<uint32_t>(request->header.nlmsg_len);
+    const uint32_t attr_len = payload_len + NLA_HDRLEN;
+    const struct nlattr header = {static_cast<uint16_t>(attr_len), type};
+    memcpy(attr, &header, sizeof header);
+    request->header.nlmsg_len += tavrel_ck_align4<uint32_t>(attr_len);
+    return attr + NLA_HDRLEN;
+}
+
+/* MED "..<field> = <key as text>": the key is turned into text only when a
+ * sink will print it, and the text does not outlive the line. */
+#define TAVREL_LOG_KEY(format, function, key, key_len)                                                    \
+    do {                                                                                                  \
+        if (tavrel_log_on()) {                                                                            \
+            char key_text_[150] = {0};                                                                    \
+            tavrel_util_convert_bxo_ipsec_key_to_str((key), (key_len), key_text_, sizeof key_text_);      \
+            TAVREL_LOG(MED, format, function, key_text_);                                                 \
+            tavrel_wipe(key_text_, sizeof key_text_);                                                     \
+        }                                                                                                 \
+    } while (0)
 
 /* Kernel algorithm names are NUL-terminated within their 64 bytes. */
 void copy_alg_name(char (&alg_name)[64], const char *name)
@@ -302,16 +319,17 @@ int tavrel_xfrm_set_id_from_config(xfrm_usersa_info *info, const sa_cfg_ref &c, 
         TAVREL_LOG(ERR, "%s(): Retrieving local/dest addresses failed\n", __func__);
         return -1;
     }
-    char local_text[64] = {0};
-    char dest_text[64] = {0};
-    tavrel_util_convert_bxo_ip_addr_to_str(local, local_text, sizeof local_text);
-    tavrel_util_convert_bxo_ip_addr_to_str(dest, dest_text, sizeof dest_text);
-
     /* An incoming SA runs from the peer to the device. */
     const tavrel_modem_ip_addr *source = is_tx ? local : dest;
     const tavrel_modem_ip_addr *destination = is_tx ? dest : local;
-    TAVREL_LOG(MED, "%s():\t..saddr = %s\n", __func__, is_tx ? local_text : dest_text);
-    TAVREL_LOG(MED, "%s():\t..id.daddr = %s\n", __func__, is_tx ? dest_text : local_text);
+    if (tavrel_log_on()) {
+        char source_text[64] = {0};
+        char destination_text[64] = {0};
+        tavrel_util_convert_bxo_ip_addr_to_str(local, is_tx ? source_text : destination_text, 64);
+        tavrel_util_convert_bxo_ip_addr_to_str(dest, is_tx ? destination_text : source_text, 64);
+        TAVREL_LOG(MED, "%s():\t..saddr = %s\n", __func__, source_text);
+        TAVREL_LOG(MED, "%s():\t..id.daddr = %s\n", __func__, destination_text);
+    }
     tavrel_xfrm_set_addr_from_config(&info->saddr, source);
     tavrel_xfrm_set_addr_from_config(&info->id.daddr, destination);
 
@@ -388,23 +406,23 @@ int tavrel_xfrm_set_crypto_alg(xfrm_sa_request *request, const sa_cfg_ref &c, in
         return -1;
     }
 
-    alg_scratch scratch;
-    memset(&scratch, 0, sizeof scratch);
     struct xfrm_algo header;
     memset(&header, 0, sizeof header);
     copy_alg_name(header.alg_name, name);
     header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
     const uint32_t payload_len = tavrel_ck_add<uint32_t>(kCryptHeaderLen, key_len);
-    memcpy(scratch.bytes, &header, sizeof header);
-    tavrel_bounded_copy(scratch.bytes + kCryptHeaderLen, kCryptKeyRoom, key, key_len);
+    if (key_len > kCryptKeyRoom)
+        tavrel_check_failed();
+    uint8_t *payload = begin_sa_attr(request, XFRMA_ALG_CRYPT, payload_len);
+    memcpy(payload, &header, sizeof header);
+    tavrel_bounded_copy(payload + kCryptHeaderLen, kCryptKeyRoom, key, key_len);
 
-    TAVREL_LOG(MED, "%s():\t..crypt.alg_name = %s\n", __func__, header.alg_name);
-    TAVREL_LOG(MED, "%s():\t..crypt.alg_key_len = %u\n", __func__, header.alg_key_len);
-    char key_text[150] = {0};
-    tavrel_util_convert_bxo_ipsec_key_to_str(scratch.bytes + kCryptHeaderLen, key_len, key_text, sizeof key_text);
-    TAVREL_LOG(MED, "%s():\t..crypt.alg_key = %s\n", __func__, key_text);
-
-    put_sa_attr(request, XFRMA_ALG_CRYPT, payload_len, scratch.bytes);
+    /* The algorithm headers end in a flexible key array: log copies. */
+    const char *alg_name = name;
+    const uint32_t key_bits = header.alg_key_len;
+    TAVREL_LOG(MED, "%s():\t..crypt.alg_name = %s\n", __func__, alg_name);
+    TAVREL_LOG(MED, "%s():\t..crypt.alg_key_len = %u\n", __func__, key_bits);
+    TAVREL_LOG_KEY("%s():\t..crypt.alg_key = %s\n", __func__, payload + kCryptHeaderLen, key_len);
     return 0;
 }
 
@@ -435,8 +453,6 @@ int tavrel_xfrm_set_auth_alg(xfrm_sa_request *request, const sa_cfg_ref &c, int 
         TAVREL_LOG(ERR, "%s(): invalid auth algo %d\n", __func__, code);
         return -1;
     }
-    alg_scratch scratch;
-    memset(&scratch, 0, sizeof scratch);
     struct xfrm_algo_auth header;
     memset(&header, 0, sizeof header);
     copy_alg_name(header.alg_name, alg->name);
@@ -464,17 +480,19 @@ int tavrel_xfrm_set_auth_alg(xfrm_sa_request *request, const sa_cfg_ref &c, int 
     const uint32_t payload_len = tavrel_ck_add<uint32_t>(kAuthHeaderLen, key_len);
     header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
     header.alg_trunc_len = alg->trunc_bits;
-    memcpy(scratch.bytes, &header, sizeof header);
-    tavrel_bounded_copy(scratch.bytes + kAuthHeaderLen, kAuthKeyRoom, key, key_len);
+    if (key_len > kAuthKeyRoom)
+        tavrel_check_failed();
+    uint8_t *payload = begin_sa_attr(request, XFRMA_ALG_AUTH_TRUNC, payload_len);
+    memcpy(payload, &header, sizeof header);
+    tavrel_bounded_copy(payload + kAuthHeaderLen, kAuthKeyRoom, key, key_len);
 
-    TAVREL_LOG(MED, "%s():\t..auth.algo = %s\n", __func__, header.alg_name);
-    TAVREL_LOG(MED, "%s():\t..auth.trunc_len = %u\n", __func__, header.alg_trunc_len);
-    TAVREL_LOG(MED, "%s():\t..auth.key_len = %u\n", __func__, header.alg_key_len);
-    char key_text[150] = {0};
-    tavrel_util_convert_bxo_ipsec_key_to_str(scratch.bytes + kAuthHeaderLen, key_len, key_text, sizeof key_text);
-    TAVREL_LOG(MED, "%s():\t..auth.key = %s\n", __func__, key_text);
-
-    put_sa_attr(request, XFRMA_ALG_AUTH_TRUNC, payload_len, scratch.bytes);
+    const char *alg_name = alg->name;
+    const uint32_t trunc_bits = header.alg_trunc_len;
+    const uint32_t key_bits = header.alg_key_len;
+    TAVREL_LOG(MED, "%s():\t..auth.algo = %s\n", __func__, alg_name);
+    TAVREL_LOG(MED, "%s():\t..auth.trunc_len = %u\n", __func__, trunc_bits);
+    TAVREL_LOG(MED, "%s():\t..auth.key_len = %u\n", __func__, key_bits);
+    TAVREL_LOG_KEY("%s():\t..auth.key = %s\n", __func__, payload + kAuthHeaderLen, key_len);
     return 0;
 }
 
@@ -526,59 +544,153 @@ int send_sa(const xfrm_sa_request *request, const char *function)
 
 #undef TAVREL_CFG
 
-} // namespace
-
 /* A crypto, authentication or family failure answers 0 although nothing was
  * sent: the daemon has always counted such an SA as installed and only
  * tests for -1. */
-int tavrel_xfrm_add_state(const tavrel_xfrm_sa_cfg *sa_cfg, uint32_t cfg_arg2, uint32_t cfg_arg3, int is_tx,
-                          int32_t link_tech)
+int add_state_in(xfrm_sa_request &request, const sa_cfg_ref &c, int is_tx, int32_t link_tech)
 {
-    const sa_cfg_ref c{sa_cfg, cfg_arg2, cfg_arg3};
-    xfrm_sa_request request;
+    static const char function[] = "tavrel_xfrm_add_state";
     prepare_newsa(&request);
-
     if (tavrel_xfrm_set_id_from_config(&request.info, c, is_tx) != 0) {
-        TAVREL_LOG(ERR, "%s(): setting XFRM state ID failed\n", __func__);
+        TAVREL_LOG(ERR, "%s(): setting XFRM state ID failed\n", function);
         return -1;
     }
     if (tavrel_xfrm_set_mode(&request.info, c) != 0) {
-        TAVREL_LOG(ERR, "%s(): setting XFRM state mode failed\n", __func__);
+        TAVREL_LOG(ERR, "%s(): setting XFRM state mode failed\n", function);
         return -1;
     }
     if (tavrel_xfrm_set_crypto_alg(&request, c, is_tx) != 0) {
-        TAVREL_LOG(ERR, "%s(): setting XFRM state crypto failed\n", __func__);
+        TAVREL_LOG(ERR, "%s(): setting XFRM state crypto failed\n", function);
         return 0;
     }
     if (tavrel_xfrm_set_auth_alg(&request, c, is_tx) != 0) {
-        TAVREL_LOG(ERR, "%s(): setting XFRM state auth failed\n", __func__);
+        TAVREL_LOG(ERR, "%s(): setting XFRM state auth failed\n", function);
         return 0;
     }
     tavrel_xfrm_set_encap(&request, c, is_tx);
-    set_sa_flags(&request.info, is_tx, __func__);
+    set_sa_flags(&request.info, is_tx, function);
 
-    const tavrel_modem_ip_addr *own_side = is_tx ? tavrel_xfrm_utils_get_local_addr(sa_cfg, cfg_arg2, cfg_arg3)
-                                                 : tavrel_xfrm_utils_get_dest_addr(sa_cfg, cfg_arg2, cfg_arg3);
+    const tavrel_modem_ip_addr *own_side = is_tx ? tavrel_xfrm_utils_get_local_addr(c.cfg, c.arg2, c.arg3)
+                                                 : tavrel_xfrm_utils_get_dest_addr(c.cfg, c.arg2, c.arg3);
     if (own_side == nullptr) {
         if (is_tx)
-            TAVREL_LOG(ERR, "%s(): Retrieving local addr failed\n", __func__);
+            TAVREL_LOG(ERR, "%s(): Retrieving local addr failed\n", function);
         else
-            TAVREL_LOG(ERR, "%s(): Retrieving dest addr failed\n", __func__);
+            TAVREL_LOG(ERR, "%s(): Retrieving dest addr failed\n", function);
         return 0;
     }
     if (own_side->family == 4)
         request.info.family = AF_INET;
     else if (own_side->family == 6)
         request.info.family = AF_INET6;
-    log_sa_family(&request.info, __func__);
+    log_sa_family(&request.info, function);
 
-    put_output_mark(&request, is_tx, link_tech, __func__);
-    return send_sa(&request, __func__);
+    put_output_mark(&request, is_tx, link_tech, function);
+    return send_sa(&request, function);
+}
+
+/* The address set's keys: the copy is cut to the key room, but the attribute
+ * still carries the declared length (zeros past the cut), as the daemon's
+ * recovery path has always sent it. */
+uint8_t *put_set_alg(xfrm_sa_request &request, uint16_t type, uint32_t header_len, const void *header,
+                     uint32_t key_room, const uint8_t *key, uint32_t key_len)
+{
+    const uint32_t payload_len = tavrel_ck_add<uint32_t>(header_len, key_len);
+    uint8_t *payload = begin_sa_attr(&request, type, payload_len);
+    memcpy(payload, header, header_len);
+    kv_memscpy(payload + header_len, key_room, key, key_len);
+    return payload + header_len;
+}
+
+int add_state_from_addr_set_in(xfrm_sa_request &request, const tavrel_xfrm_addr_set *set, int is_tx,
+                               int32_t link_tech)
+{
+    static const char function[] = "tavrel_xfrm_add_state_from_addr_set";
+    prepare_newsa(&request);
+    request.info.id.proto = set->proto;
+    request.info.mode = set->mode;
+    request.info.family = set->local_addr.family == 4 ? AF_INET : AF_INET6;
+
+    /* The labels of the incoming SA's lines differ from the outgoing ones on
+     * purpose; the daemon's log readers know both. */
+    const tavrel_ip_addr *first = &set->local_addr;
+    const tavrel_ip_addr *second = &set->remote_addr;
+    tavrel_xfrm_set_addr_from_recovery(is_tx ? &request.info.saddr : &request.info.id.daddr, first);
+    if (tavrel_log_on()) {
+        char text[64] = {0};
+        tavrel_util_convert_ip_addr_to_str(first, 0, text, sizeof text);
+        if (is_tx)
+            TAVREL_LOG(MED, "%s():\t..saddr = %s\n", function, text);
+        else
+            TAVREL_LOG(MED, "%s():\t..daddr = %s\n", function, text);
+    }
+    tavrel_xfrm_set_addr_from_recovery(is_tx ? &request.info.id.daddr : &request.info.saddr, second);
+    if (tavrel_log_on()) {
+        char text[64] = {0};
+        tavrel_util_convert_ip_addr_to_str(second, 0, text, sizeof text);
+        if (is_tx)
+            TAVREL_LOG(MED, "%s():\t..id.daddr = %s\n", function, text);
+        else
+            TAVREL_LOG(MED, "%s():\t..id.saddr = %s\n", function, text);
+    }
+    const uint32_t spi = is_tx ? set->spi_tx : set->spi_rx;
+    TAVREL_LOG(MED, "%s():\t..id.spi = 0x%x\n", function, spi);
+    request.info.id.spi = htonl(spi);
+
+    {
+        struct xfrm_algo header;
+        memset(&header, 0, sizeof header);
+        copy_alg_name(header.alg_name, set->crypto_alg_name);
+        const uint32_t key_len = is_tx ? set->crypto_key_len_tx : set->crypto_key_len_rx;
+        header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
+        const uint8_t *key = put_set_alg(request, XFRMA_ALG_CRYPT, kCryptHeaderLen, &header, kCryptKeyRoom,
+                                         is_tx ? set->crypto_key_tx : set->crypto_key_rx, key_len);
+        TAVREL_LOG_KEY("%s():\t..crypt.alg_key = %s\n", function, key, key_len);
+        const int key_bits = static_cast<int>(header.alg_key_len);
+        TAVREL_LOG(MED, "%s():\t..crypt.alg_key_len = %d\n", function, key_bits);
+    }
+    {
+        struct xfrm_algo_auth header;
+        memset(&header, 0, sizeof header);
+        copy_alg_name(header.alg_name, set->auth_alg_name);
+        const uint32_t key_len = is_tx ? set->auth_key_len_tx : set->auth_key_len_rx;
+        header.alg_trunc_len = set->auth_trunc_len;
+        header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
+        const uint8_t *key = put_set_alg(request, XFRMA_ALG_AUTH_TRUNC, kAuthHeaderLen, &header, kAuthKeyRoom,
+                                         is_tx ? set->auth_key_tx : set->auth_key_rx, key_len);
+        const uint32_t key_bits = header.alg_key_len;
+        TAVREL_LOG(MED, "%s():\t..auth.key_len = %u\n", function, key_bits);
+        TAVREL_LOG_KEY("%s():\t..auth.key = %s\n", function, key, key_len);
+    }
+
+    if (set->udp_encap != 0)
+        put_encap(&request, is_tx, set->udp_encap_port);
+
+    set_sa_flags(&request.info, is_tx, function);
+    log_sa_family(&request.info, function);
+    put_output_mark(&request, is_tx, link_tech, function);
+    return send_sa(&request, function);
+}
+
+} // namespace
+
+/* The request holds both keys of the SA until it is wiped. */
+int tavrel_xfrm_add_state(const tavrel_xfrm_sa_cfg *sa_cfg, uint32_t cfg_arg2, uint32_t cfg_arg3, int is_tx,
+                          int32_t link_tech)
+{
+    xfrm_sa_request request;
+    const int result = add_state_in(request, sa_cfg_ref{sa_cfg, cfg_arg2, cfg_arg3}, is_tx, link_tech);
+    tavrel_wipe(&request, sizeof request);
+    return result;
 }
 
 extern "C" int tavrel_xfrm_add_states(const tavrel_xfrm_sa_cfg *sa_cfg, uint32_t cfg_arg2, uint32_t cfg_arg3,
                                       int32_t link_tech)
 {
+    if (sa_cfg == nullptr) {
+        TAVREL_NULL_ARG(__func__, "sa_cfg");
+        return -1;
+    }
     TAVREL_LOG(HIGH, "%s(): inserting outgoing XFRM state\n", __func__);
     if (tavrel_xfrm_add_state(sa_cfg, cfg_arg2, cfg_arg3, 1, link_tech) == -1) {
         TAVREL_LOG(ERR, "%s(): Setting TX XFRM state failed\n", __func__);
@@ -605,86 +717,10 @@ extern "C" int tavrel_xfrm_add_state_from_addr_set(const tavrel_xfrm_addr_set *s
     }
     if (!set->is_valid)
         return -1;
-
     xfrm_sa_request request;
-    prepare_newsa(&request);
-    request.info.id.proto = set->proto;
-    request.info.mode = set->mode;
-    request.info.family = set->local_addr.family == 4 ? AF_INET : AF_INET6;
-
-    char text[64] = {0};
-    if (is_tx) {
-        tavrel_xfrm_set_addr_from_recovery(&request.info.saddr, &set->local_addr);
-        tavrel_util_convert_ip_addr_to_str(&set->local_addr, 0, text, sizeof text);
-        TAVREL_LOG(MED, "%s():\t..saddr = %s\n", __func__, text);
-        tavrel_xfrm_set_addr_from_recovery(&request.info.id.daddr, &set->remote_addr);
-        memset(text, 0, sizeof text);
-        tavrel_util_convert_ip_addr_to_str(&set->remote_addr, 0, text, sizeof text);
-        TAVREL_LOG(MED, "%s():\t..id.daddr = %s\n", __func__, text);
-    } else {
-        tavrel_xfrm_set_addr_from_recovery(&request.info.id.daddr, &set->local_addr);
-        tavrel_util_convert_ip_addr_to_str(&set->local_addr, 0, text, sizeof text);
-        TAVREL_LOG(MED, "%s():\t..daddr = %s\n", __func__, text);
-        tavrel_xfrm_set_addr_from_recovery(&request.info.saddr, &set->remote_addr);
-        memset(text, 0, sizeof text);
-        tavrel_util_convert_ip_addr_to_str(&set->remote_addr, 0, text, sizeof text);
-        TAVREL_LOG(MED, "%s():\t..id.saddr = %s\n", __func__, text);
-    }
-    const uint32_t spi = is_tx ? set->spi_tx : set->spi_rx;
-    TAVREL_LOG(MED, "%s():\t..id.spi = 0x%x\n", __func__, spi);
-    request.info.id.spi = htonl(spi);
-
-    char key_text[150];
-
-    {
-        alg_scratch scratch;
-        memset(&scratch, 0, sizeof scratch);
-        struct xfrm_algo header;
-        memset(&header, 0, sizeof header);
-        copy_alg_name(header.alg_name, set->crypto_alg_name);
-        const uint8_t *key = is_tx ? set->crypto_key_tx : set->crypto_key_rx;
-        const uint32_t key_len = is_tx ? set->crypto_key_len_tx : set->crypto_key_len_rx;
-        kv_memscpy(scratch.bytes + kCryptHeaderLen, kCryptKeyRoom, key, key_len);
-        const uint32_t payload_len = tavrel_ck_add<uint32_t>(kCryptHeaderLen, key_len);
-        header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
-        require_room(&request, payload_len);
-        memcpy(scratch.bytes, &header, sizeof header);
-        memset(key_text, 0, sizeof key_text);
-        tavrel_util_convert_bxo_ipsec_key_to_str(scratch.bytes + kCryptHeaderLen, key_len, key_text,
-                                                 sizeof key_text);
-        TAVREL_LOG(MED, "%s():\t..crypt.alg_key = %s\n", __func__, key_text);
-        TAVREL_LOG(MED, "%s():\t..crypt.alg_key_len = %d\n", __func__, static_cast<int>(header.alg_key_len));
-        put_sa_attr(&request, XFRMA_ALG_CRYPT, payload_len, scratch.bytes);
-    }
-    {
-        alg_scratch scratch;
-        memset(&scratch, 0, sizeof scratch);
-        struct xfrm_algo_auth header;
-        memset(&header, 0, sizeof header);
-        copy_alg_name(header.alg_name, set->auth_alg_name);
-        const uint8_t *key = is_tx ? set->auth_key_tx : set->auth_key_rx;
-        const uint32_t key_len = is_tx ? set->auth_key_len_tx : set->auth_key_len_rx;
-        kv_memscpy(scratch.bytes + kAuthHeaderLen, kAuthKeyRoom, key, key_len);
-        const uint32_t payload_len = tavrel_ck_add<uint32_t>(kAuthHeaderLen, key_len);
-        header.alg_trunc_len = set->auth_trunc_len;
-        header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
-        require_room(&request, payload_len);
-        memcpy(scratch.bytes, &header, sizeof header);
-        TAVREL_LOG(MED, "%s():\t..auth.key_len = %u\n", __func__, header.alg_key_len);
-        memset(key_text, 0, sizeof key_text);
-        tavrel_util_convert_bxo_ipsec_key_to_str(scratch.bytes + kAuthHeaderLen, key_len, key_text,
-                                                 sizeof key_text);
-        TAVREL_LOG(MED, "%s():\t..auth.key = %s\n", __func__, key_text);
-        put_sa_attr(&request, XFRMA_ALG_AUTH_TRUNC, payload_len, scratch.bytes);
-    }
-
-    if (set->udp_encap != 0)
-        put_encap(&request, is_tx, set->udp_encap_port);
-
-    set_sa_flags(&request.info, is_tx, __func__);
-    log_sa_family(&request.info, __func__);
-    put_output_mark(&request, is_tx, link_tech, __func__);
-    return send_sa(&request, __func__);
+    const int result = add_state_from_addr_set_in(request, set, is_tx, link_tech);
+    tavrel_wipe(&request, sizeof request);
+    return result;
 }
 
 /* ---- removing security associations ---------------------------------------- */
@@ -777,12 +813,14 @@ void tavrel_xfrm_remove_state_cb(const struct nlmsghdr *nlh, void *addrs)
         dst = &local;
     }
 
-    char src_text[64] = {0};
-    char dst_text[64] = {0};
-    tavrel_util_convert_ip_addr_to_str(src, 0, src_text, sizeof src_text);
-    tavrel_util_convert_ip_addr_to_str(dst, 0, dst_text, sizeof dst_text);
-    TAVREL_LOG(MED, "%s():\t..src %s\n", __func__, src_text);
-    TAVREL_LOG(MED, "%s():\t..dst %s\n", __func__, dst_text);
+    if (tavrel_log_on()) {
+        char src_text[64] = {0};
+        char dst_text[64] = {0};
+        tavrel_util_convert_ip_addr_to_str(src, 0, src_text, sizeof src_text);
+        tavrel_util_convert_ip_addr_to_str(dst, 0, dst_text, sizeof dst_text);
+        TAVREL_LOG(MED, "%s():\t..src %s\n", __func__, src_text);
+        TAVREL_LOG(MED, "%s():\t..dst %s\n", __func__, dst_text);
+    }
     TAVREL_LOG(MED, "%s():\t..proto %u\n", __func__, proto);
     TAVREL_LOG(MED, "%s():\t..spi 0x%x\n", __func__, ntohl(entry.id.spi));
 
@@ -794,6 +832,10 @@ void tavrel_xfrm_remove_state_cb(const struct nlmsghdr *nlh, void *addrs)
 
 extern "C" int tavrel_xfrm_remove_states(const tavrel_xfrm_sa_addrs *addrs)
 {
+    if (addrs == nullptr) {
+        TAVREL_NULL_ARG(__func__, "addrs");
+        return -1;
+    }
     /* No body and no filter: the kernel returns every SA. */
     struct nlmsghdr request;
     memset(&request, 0, sizeof request);
@@ -903,26 +945,17 @@ void tavrel_xfrm_set_id_from_recovery(struct xfrm_user_tmpl *tmpl, const tavrel_
     TAVREL_LOG(MED, "%s():\t..id.proto = %s\n", __func__, addrs->proto == IPPROTO_AH ? "ah" : "esp");
     tmpl->id.proto = addrs->proto;
 
-    char local_text[64] = {0};
-    char remote_text[64] = {0};
-    tavrel_util_convert_ip_addr_to_str(&local, 0, local_text, sizeof local_text);
-    tavrel_util_convert_ip_addr_to_str(&remote, 0, remote_text, sizeof remote_text);
-
-    const tavrel_ip_addr *saddr;
-    const tavrel_ip_addr *daddr;
-    uint32_t spi;
-    if (dir == XFRM_POLICY_OUT) {
-        TAVREL_LOG(MED, "%s():\t..saddr = %s\n", __func__, local_text);
-        TAVREL_LOG(MED, "%s():\t..id.daddr = %s\n", __func__, remote_text);
-        saddr = &local;
-        daddr = &remote;
-        spi = addrs->spi_tx;
-    } else {
-        TAVREL_LOG(MED, "%s():\t..saddr = %s\n", __func__, remote_text);
-        TAVREL_LOG(MED, "%s():\t..id.daddr = %s\n", __func__, local_text);
-        saddr = &remote;
-        daddr = &local;
-        spi = addrs->spi_rx;
+    const bool out = dir == XFRM_POLICY_OUT;
+    const tavrel_ip_addr *saddr = out ? &local : &remote;
+    const tavrel_ip_addr *daddr = out ? &remote : &local;
+    const uint32_t spi = out ? addrs->spi_tx : addrs->spi_rx;
+    if (tavrel_log_on()) {
+        char saddr_text[64] = {0};
+        char daddr_text[64] = {0};
+        tavrel_util_convert_ip_addr_to_str(&local, 0, out ? saddr_text : daddr_text, 64);
+        tavrel_util_convert_ip_addr_to_str(&remote, 0, out ? daddr_text : saddr_text, 64);
+        TAVREL_LOG(MED, "%s():\t..saddr = %s\n", __func__, saddr_text);
+        TAVREL_LOG(MED, "%s():\t..id.daddr = %s\n", __func__, daddr_text);
     }
     tavrel_xfrm_set_addr_from_recovery(&tmpl->saddr, saddr);
     tavrel_xfrm_set_addr_from_recovery(&tmpl->id.daddr, daddr);
@@ -1000,6 +1033,10 @@ int tavrel_xfrm_remove_policy(const char *src, const char *dst, const char *prot
 extern "C" int tavrel_xfrm_add_policies(const tavrel_xfrm_sa_addrs *addrs, const char *src, const char *dst,
                                         const char *proto, int is_tx)
 {
+    if (addrs == nullptr) {
+        TAVREL_NULL_ARG(__func__, "addrs");
+        return -1;
+    }
     if (is_tx != 0) {
         TAVREL_LOG(HIGH, "%s(): Inserting output XFRM policy\n", __func__);
         const int result = tavrel_xfrm_add_policy(addrs, src, dst, proto, XFRM_POLICY_OUT);
