@@ -26,6 +26,7 @@ const uint8_t *input;
 size_t input_left;
 const uint8_t *datagram;  // the last one received, as the library holds it
 size_t datagram_len;
+uint8_t *poisoned[kFds], *poisoned_end[kFds];  // per socket, the rest of the library's receive buffer
 
 bool in_call;
 sigjmp_buf stop;
@@ -141,8 +142,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     in_call = false;
     if (!stopped && std::count(fd_open, fd_open + kFds, true) != 0)
         __builtin_trap();
-    for (bool &o : fd_open)
-        o = false;
+    for (int i = 0; i < kFds; i++)
+        fd_open[i] = false, poisoned[i] = poisoned_end[i] = nullptr;
     // What is left must be exactly the label list: nodes chained from the
     // first to the last, which points back at the (gone) head.
     size_t chained = 0;
@@ -209,6 +210,8 @@ ssize_t recvfrom(int fd, void *buffer, size_t length, int flags, sockaddr *from,
     ASAN_POISON_MEMORY_REGION(static_cast<uint8_t *>(buffer) + n, length - n);
     datagram = static_cast<const uint8_t *>(buffer);
     datagram_len = n;
+    poisoned[fd - kFdBase] = static_cast<uint8_t *>(buffer) + n;
+    poisoned_end[fd - kFdBase] = static_cast<uint8_t *>(buffer) + length;
     return static_cast<ssize_t>(n);
 }
 
@@ -217,10 +220,28 @@ int close(int fd)
     if (!fake(fd))
         return static_cast<int>(syscall(SYS_close, fd));
     fd_open[fd - kFdBase] = false;
+    poisoned[fd - kFdBase] = poisoned_end[fd - kFdBase] = nullptr;
     return 0;
 }
 
-// Linked with -Wl,--wrap=abort,--wrap=malloc,--wrap=free.
+// Only reads past the datagram are findings: the library wipes its receive
+// buffer before returning, so a memset (instrumented code calls
+// __asan_memset) may write the poisoned rest. Linked with
+// -Wl,--wrap=abort,--wrap=malloc,--wrap=free,--wrap=__asan_memset.
+#if defined(__has_feature) && __has_feature(address_sanitizer)
+void *__real___asan_memset(void *block, int value, size_t size);
+void *__wrap___asan_memset(void *block, int value, size_t size)
+{
+    for (int i = 0; i < kFds; i++) {
+        uint8_t *begin = std::max(static_cast<uint8_t *>(block), poisoned[i]);
+        uint8_t *end = std::min(static_cast<uint8_t *>(block) + size, poisoned_end[i]);
+        if (begin < end)
+            ASAN_UNPOISON_MEMORY_REGION(begin, static_cast<size_t>(end - begin));
+    }
+    return __real___asan_memset(block, value, size);
+}
+#endif
+
 [[noreturn]] void __real_abort();
 void *__real_malloc(size_t size);
 void __real_free(void *block);
