@@ -6,6 +6,13 @@
  * says otherwise; callers test for exactly -1. The library keeps no state:
  * each call opens its own socket and closes it before it returns.
  *
+ * Pointer arguments: a pointer that a function needs (a request, a record,
+ * a callback, an output) must not be NULL. Given NULL, the function makes
+ * no system call, logs one ERR line naming the argument ("<function>(): <name>
+ * is NULL") and returns -1; a void function returns. The comments below say
+ * which pointers may be NULL. Compilers are not told that they are non-NULL
+ * (no nonnull attribute), so these checks cannot be optimized away.
+ *
  * This header compiles as C11 and as C++17.
  */
 #ifndef LIBNLTAVREL_H
@@ -146,28 +153,31 @@ typedef uint32_t (*tavrel_query_cb)(const struct nlmsghdr *message, void *contex
 
 /* Sends a request buffer on a new socket of the given NETLINK protocol and,
  * when the request carries NLM_F_ACK, waits for the acknowledgement. The
- * kernel's error code goes to *kernel_error when that is not NULL. */
+ * kernel's error code goes to *kernel_error when that is not NULL
+ * (kernel_error may be NULL). */
 TAVREL_API int tavrel_netlink_transact(const struct nlmsghdr *request, int protocol, int *kernel_error);
 
 /* Appends one attribute at the 4-byte aligned end of the request. The
- * caller's buffer must have room for it. */
+ * caller's buffer must have room for it. data may be NULL when length is 0. */
 TAVREL_API void tavrel_nla_put(struct nlmsghdr *request, uint16_t type, int length, const void *data);
 
 /* Appends an IPv4 or IPv6 address given as text (IPv6 when it holds ':'). */
 TAVREL_API int tavrel_nla_put_ip_addr(struct nlmsghdr *request, uint16_t type, const char *address_text);
 
 /* Indexes a run of attributes by type into table[0..max_type]; the last
- * occurrence of a type wins, a malformed attribute ends the walk. */
+ * occurrence of a type wins, a malformed attribute ends the walk. first may
+ * be NULL when length is below 4 (nothing to walk). */
 TAVREL_API void tavrel_nla_parse(const struct nlattr *first, const struct nlattr **table, uint32_t length,
                                  uint32_t max_type);
 
 /* Sends a dump request and hands every answer message to callback until
- * NLMSG_DONE. Returns 0 when the dump ran to its end. */
+ * NLMSG_DONE. Returns 0 when the dump ran to its end. context may be NULL. */
 TAVREL_API int tavrel_netlink_dump(const struct nlmsghdr *request, int protocol, tavrel_dump_cb callback,
                                    void *context);
 
 /* Sends a request and reads exactly one answer datagram, letting callback
- * pick the answer. response_required == 1 makes a missing answer a failure. */
+ * pick the answer. response_required == 1 makes a missing answer a failure.
+ * context may be NULL. */
 TAVREL_API int tavrel_netlink_query(const struct nlmsghdr *request, int protocol, tavrel_query_cb callback,
                                     void *context, int response_required);
 
@@ -193,7 +203,8 @@ TAVREL_API int tavrel_rtnetlink_addr_cfg(const char *interface_name, const tavre
 TAVREL_API int tavrel_rtnetlink_gso_max_size(const char *interface_name, uint32_t size);
 
 /* Queueing disciplines. operation: 0 add, 1 delete, 2 change (flow control
- * only). parent 0 means the root. */
+ * only). parent 0 means the root. A NULL interface name or kind returns -1
+ * without a log line, as these functions always have. */
 TAVREL_API int tavrel_rtnetlink_tc_qdisc(const char *interface_name, const char *kind, uint32_t parent,
                                          uint32_t handle, int operation);
 TAVREL_API int tavrel_rtnetlink_tc_prio(const char *interface_name, uint32_t parent, uint32_t handle,
@@ -213,14 +224,16 @@ typedef struct tavrel_xfrm_sa_cfg tavrel_xfrm_sa_cfg;
  * selects the output mark. */
 TAVREL_API int tavrel_xfrm_add_states(const tavrel_xfrm_sa_cfg *sa_cfg, uint32_t cfg_arg2, uint32_t cfg_arg3,
                                       int32_t link_tech);
-/* Installs one SA (is_tx non-zero: outgoing) from a daemon-filled set. */
+/* Installs one SA (is_tx non-zero: outgoing) from a daemon-filled set. A
+ * NULL set logs "invalid input" and returns -1. */
 TAVREL_API int tavrel_xfrm_add_state_from_addr_set(const tavrel_xfrm_addr_set *set, int is_tx, int32_t link_tech);
 /* Deletes the kernel's SAs that belong to the pair. */
 TAVREL_API int tavrel_xfrm_remove_states(const tavrel_xfrm_sa_addrs *addrs);
 
 /* Tunnel policies: is_tx non-zero installs the output policy, otherwise the
  * input and forward policies. Selector texts may carry "/prefix"; proto is
- * a number as text; each may be NULL, but not both src and dst. */
+ * a number as text; each may be NULL, but not both src and dst (-1 with the
+ * selector's own message). addrs must not be NULL. */
 TAVREL_API int tavrel_xfrm_add_policies(const tavrel_xfrm_sa_addrs *addrs, const char *src, const char *dst,
                                         const char *proto, int is_tx);
 TAVREL_API int tavrel_xfrm_remove_policies(const char *src, const char *dst, const char *proto, int is_tx);

@@ -8,6 +8,8 @@
 #   build the install check.
 #   armhf cross build (arm-linux-gnueabihf-g++): the unit tests under
 #   qemu-arm, the symbol checks and the install check.
+#   The g++ and armhf builds also compare the library's ABI with its
+#   baseline in abi/ (docs/abi.md).
 #   clang with libFuzzer, ASan and UBSan: every fuzz target for 30 s.
 #   clang with ThreadSanitizer: the kernel tier, its 16-thread test included.
 #   The g++ build also runs the unit and kernel tiers under valgrind memcheck.

@@ -53,6 +53,14 @@ struct recv_buffer {
     alignas(struct nlmsghdr) uint8_t bytes[kRecvBufferSize];
 };
 
+/* Only what the kernel wrote can hold key material; the rest is still the
+ * zeros of the buffer's start. */
+void wipe_received(recv_buffer &buffer, ssize_t received)
+{
+    if (received > 0)
+        tavrel_wipe(buffer.bytes, static_cast<size_t>(received));
+}
+
 /* Walks the messages of one datagram. visit returns true to end the walk
  * early; the walk also ends at the first message that does not fit in what
  * remains, including a final one whose padding would run past the end. */
@@ -312,11 +320,12 @@ extern "C" int tavrel_netlink_transact(const struct nlmsghdr *request, int proto
         return -1;
 
     int result = send_request(fd, request, __func__, false);
+    ssize_t received = 0;
     if (result == 0) {
         if (!(request->nlmsg_flags & NLM_F_ACK)) {
             TAVREL_LOG(MED, "%s(): Not requesing ACK for NL message\n", __func__);
         } else {
-            const ssize_t received = recvfrom(fd, buffer.bytes, sizeof buffer.bytes, 0, nullptr, nullptr);
+            received = recvfrom(fd, buffer.bytes, sizeof buffer.bytes, 0, nullptr, nullptr);
             if (received < 0) {
                 TAVREL_LOG(ERR, "%s(): Receiving NL ACK from kernel failed: errno=[%d, %s]\n", __func__, errno,
                            strerror(errno));
@@ -327,7 +336,7 @@ extern "C" int tavrel_netlink_transact(const struct nlmsghdr *request, int proto
         }
     }
     /* A refusal echoes the whole request back, keys included. */
-    tavrel_wipe(&buffer, sizeof buffer);
+    wipe_received(buffer, received);
     close_socket(fd, __func__);
     return result;
 }
@@ -350,8 +359,11 @@ extern "C" int tavrel_netlink_dump(const struct nlmsghdr *request, int protocol,
 
     int result = send_request(fd, request, __func__, true);
     bool done = result != 0;
+    ssize_t most_received = 0;
     while (!done) {
         const ssize_t received = recvfrom(fd, buffer.bytes, sizeof buffer.bytes, 0, nullptr, nullptr);
+        if (received > most_received)
+            most_received = received;
         if (received < 0) {
             TAVREL_LOG(ERR, "%s(): receiving NL dump failed. errno=[%d, %s]\n", __func__, errno, strerror(errno));
             result = -1;
@@ -398,7 +410,7 @@ extern "C" int tavrel_netlink_dump(const struct nlmsghdr *request, int protocol,
         });
     }
     /* Dumped security associations carry their keys. */
-    tavrel_wipe(&buffer, sizeof buffer);
+    wipe_received(buffer, most_received);
     close_socket(fd, __func__);
     return result;
 }
@@ -420,8 +432,9 @@ extern "C" int tavrel_netlink_query(const struct nlmsghdr *request, int protocol
         return -1;
 
     int result = send_request(fd, request, __func__, false);
+    ssize_t received = 0;
     if (result == 0) {
-        const ssize_t received = recvfrom(fd, buffer.bytes, sizeof buffer.bytes, 0, nullptr, nullptr);
+        received = recvfrom(fd, buffer.bytes, sizeof buffer.bytes, 0, nullptr, nullptr);
         if (received < 0) {
             TAVREL_LOG(ERR, "%s(): Receiving query response from kernel failed: errno=[%d, %s]\n", __func__, errno,
                        strerror(errno));
@@ -460,7 +473,7 @@ extern "C" int tavrel_netlink_query(const struct nlmsghdr *request, int protocol
             }
         }
     }
-    tavrel_wipe(&buffer, sizeof buffer);
+    wipe_received(buffer, received);
     close_socket(fd, __func__);
     return result;
 }

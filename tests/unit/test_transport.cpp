@@ -127,6 +127,10 @@ TEST_F(Attributes, ExtendedAcknowledgementText)
         // An unterminated text is read no further than its attribute.
         {error_with(-1, {}, fk::attr(NLMSGERR_ATTR_MSG, fk::bytes(8, 'x')), NLM_F_ACK_TLVS | NLM_F_CAPPED),
          {"ERR tavrel_nla_extack(): EXTACK reports xxxxxxxx\n"}},
+        // An echoed request of odd length puts the text at an odd address.
+        {error_with(-22, fk::u32_bytes(33) + fk::bytes(13, 0), fk::attr(NLMSGERR_ATTR_MSG, fk::str_bytes("odd")),
+                    NLM_F_ACK_TLVS),
+         {"ERR tavrel_nla_extack(): EXTACK reports odd\n"}},
     };
     for (const auto &c : cases) {
         logcap::start();
