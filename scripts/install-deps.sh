@@ -7,7 +7,7 @@ set -euo pipefail
 
 declare -A group_packages=(
   [build]="cmake make g++ clang libgtest-dev libgmock-dev android-liblog-dev iproute2 util-linux binutils"
-  [test]="cmake make g++ clang libgtest-dev libgmock-dev android-liblog-dev iproute2 util-linux binutils pkgconf blueprint-tools abigail-tools"
+  [test]="cmake make g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev android-liblog-dev iproute2 util-linux binutils pkgconf abigail-tools valgrind blueprint-tools"
   # Cross build and user-mode emulation; GoogleTest is built from googletest's sources.
   [armhf]="cmake make g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf googletest qemu-user android-liblog-dev:armhf pkgconf abigail-tools"
   # The full-kernel tier's guest runner (tools/vm/run-guest.sh); the kernel

@@ -14,6 +14,9 @@
 #   build matrix: the other build types a user may pick (Release,
 #   MinSizeRel, RelWithDebInfo, Debug) with g++, clang++ and the sanitizers,
 #   built with tests and tools, not run.
+#   clang with libFuzzer, ASan and UBSan: every fuzz target for 30 s.
+#   clang with ThreadSanitizer: the kernel tier, its 16-thread test included.
+#   The g++ build also runs the unit and kernel tiers under valgrind memcheck.
 #   full-kernel tier, last: the kernel tier and the end-to-end IPsec tunnel
 #   of the g++ and the armhf build inside Debian kernels 5.10, 6.1 and 6.12
 #   under qemu (x86_64 and 32-bit ARM), where no test may be skipped, and of
@@ -43,7 +46,7 @@ run_ctest() {  # name, dir, ctest args...
 }
 
 configure_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-run_ctest "g++: unit, symbols and kernel tier" build -LE vm
+run_ctest "g++: unit, symbols, kernel tier, both under valgrind" build -LE vm
 
 configure_build build-clang -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
 run_ctest "clang++: unit and symbols" build-clang -L unit
@@ -58,6 +61,13 @@ android_flags="-O2 -fstack-protector-strong -D_FORTIFY_SOURCE=2 -ftrivial-auto-v
 configure_build build-android -DCMAKE_BUILD_TYPE=None -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_C_FLAGS="$android_flags" -DCMAKE_CXX_FLAGS="$android_flags"
 run_ctest "clang, Android's flags: unit, symbols and kernel tier" build-android -L 'unit|kernel'
+configure_build build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+  -DTAVREL_FUZZ=ON -DTAVREL_BUILD_TOOLS=OFF
+run_ctest "clang libFuzzer+ASan+UBSan: fuzz targets" build-fuzz -L fuzz
+
+configure_build build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+  -DTAVREL_TSAN=ON -DTAVREL_BUILD_TOOLS=OFF
+run_ctest "clang ThreadSanitizer: kernel tier" build-tsan -L kernel
 
 configure_build build-armhf -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake"
 run_ctest "armhf: unit under qemu-arm, symbols and install" build-armhf -LE vm
