@@ -19,13 +19,23 @@ namespace {
 
 constexpr int kThreads = 16, kCalls = 200;
 
-std::set<std::string> matches(const std::string &command, const char *pattern)
+// The first group of every match of a POSIX extended expression.
+std::set<std::string> captures(const std::string &command, const char *pattern)
 {
     std::set<std::string> found;
     const std::string out = sh(command);
-    const std::regex re(pattern);
-    for (auto m = std::sregex_iterator(out.begin(), out.end(), re); m != std::sregex_iterator(); ++m)
-        found.insert((*m)[1]);
+    regex_t re;
+    if (regcomp(&re, pattern, REG_EXTENDED) != 0) {
+        ADD_FAILURE() << "bad pattern " << pattern;
+        return found;
+    }
+    regmatch_t m[2];
+    for (const char *p = out.c_str(); regexec(&re, p, 2, m, p == out.c_str() ? 0 : REG_NOTBOL) == 0; p += m[0].rm_eo) {
+        found.insert(std::string(p + m[1].rm_so, p + m[1].rm_eo));
+        if (m[0].rm_eo == 0)
+            break;
+    }
+    regfree(&re);
     return found;
 }
 
@@ -101,8 +111,8 @@ TEST_F(ConcurrencyKernelTest, SixteenThreadsLeaveExactlyTheirState)
             if (k % 4 != 1)
                 addresses.insert(text);
         }
-    EXPECT_EQ(matches("ip -4 rule", "(1[0-9]{4}:[^\n]*)"), rules);
-    EXPECT_EQ(matches("ip addrlabel", "(prefix [^\n]* label [0-9]{4,}) "), labels);
-    EXPECT_EQ(matches("ip xfrm policy list dir out", "src (\\S+) dst 10.200.0.0/16 proto tcp"), policies);
-    EXPECT_EQ(matches("ip -4 -o addr show dev c0", "inet (\\S+)"), addresses);
+    EXPECT_EQ(captures("ip -4 rule", "(1[0-9]{4}:[^\n]*)"), rules);
+    EXPECT_EQ(captures("ip addrlabel", "(prefix [^\n]* label [0-9]{4,}) "), labels);
+    EXPECT_EQ(captures("ip xfrm policy list dir out", "src ([^ \n]+) dst 10.200.0.0/16 proto tcp"), policies);
+    EXPECT_EQ(captures("ip -4 -o addr show dev c0", "inet ([^ \n]+)"), addresses);
 }
