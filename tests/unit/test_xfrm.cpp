@@ -346,6 +346,7 @@ TEST_F(Xfrm, RemoveStatesDeletesThePairsEntriesOnly)
         // With equal SPIs an entry is never tried as RX.
         {remove(same), {}, 0, {getsa}, low + "matching TX address\n" + low + "matching protocol\n", true,
          {fk::datagram({dumped({R, L, 9, 51}), dumped({L, R, 9, 50})}) + fk::done()}},
+        {remove(pair), {}, -1, {getsa}, "ERR remove_states(): removing XFRM states failed\n", true, {fk::done(-EPERM)}},
     };
     check(cases);
 }
@@ -394,6 +395,8 @@ TEST_F(Xfrm, PolicyRequestsResultsAndLogs)
          "ERR set_address(): invalid IPv4 address x\n" + unsel +
              "destination address failed\nERR remove_policy(): Setting selector failed\n"},
         {[] { return tavrel_xfrm_add_policy_ex(XFRM_POLICY_OUT); }, {0}, 0, {newpolicy(OUT, 10, fe80)}, ""},
+        {[] { return tavrel_xfrm_add_policy_ex(XFRM_POLICY_IN); }, {-EEXIST}, -1, {newpolicy(IN, 10, fe80)},
+         "ERR add_policy_ex(): Sending XFRM policy failed\n"},
         {[] { return tavrel_xfrm_remove_policy_ex(XFRM_POLICY_FWD); }, {0}, 0, {delpolicy(FWD, fe80)}, ""},
     };
     check(cases);
