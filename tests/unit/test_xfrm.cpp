@@ -13,7 +13,7 @@
 #include "tavrel_internal.h"
 #include "tavrel_test.h"
 
-// -1: no limit; 2: after the ID step's two address fetches, the family step's own fetch comes back empty.
+// Address fetches left before one comes back empty (-1: no limit); 2 fails the family step's own fetch after the ID step's two.
 static int addr_budget = -1;
 #define BUDGETED(name) extern "C" const tavrel_modem_ip_addr *name(const tavrel_xfrm_sa_cfg *c, uint32_t a2, uint32_t a3) { \
         const auto next = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name));                                       \
