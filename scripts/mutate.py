@@ -263,19 +263,30 @@ class Runner:
         self.child = None
 
     def sync_tree(self):
-        """Copies the working tree's files into the scratch tree, touching only
-        what differs so that the build stays incremental."""
+        """Makes the scratch tree a copy of the working tree's files, touching
+        only what differs so that the build stays incremental. A copied file
+        gets the current time, so that make never takes it for older than an
+        object built from an earlier copy; files gone from the working tree
+        go from the copy too."""
         files = subprocess.run(["git", "-C", ROOT, "ls-files", "-co", "--exclude-standard", "-z"],
                                check=True, capture_output=True).stdout.decode().split("\0")
+        wanted = set()
         for rel in filter(None, files):
             source = os.path.join(ROOT, rel)
             target = os.path.join(self.tree, rel)
             if not os.path.isfile(source) or os.path.islink(source):
                 continue
+            wanted.add(rel)
             if os.path.exists(target) and filecmp.cmp(source, target, shallow=False):
                 continue
             os.makedirs(os.path.dirname(target), exist_ok=True)
-            shutil.copy2(source, target)
+            shutil.copyfile(source, target)
+            shutil.copymode(source, target)
+        for top, _, names in os.walk(self.tree):
+            for name in names:
+                rel = os.path.relpath(os.path.join(top, name), self.tree)
+                if rel not in wanted:
+                    os.remove(os.path.join(top, name))
 
     def run(self, args, timeout):
         """(returncode or None on timeout, output)."""
