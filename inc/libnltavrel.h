@@ -331,9 +331,6 @@ TAVREL_LOG_HIDDEN void tavrel_log_emit(const tavrel_log_site *site, const char *
 TAVREL_LOG_HIDDEN int tavrel_log_file_print(int unused_priority, const char *unused_tag, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 
-/* The file record's prefix: time with unpadded milliseconds, source file,
- * function and line, then the level text. */
-TAVREL_LOG_HIDDEN void tavrel_log_file_prefix(FILE *out, const tavrel_log_site *site, const char *function);
 
 #define TAVREL_LOG_SITE_(mask)                                                                                \
     static const tavrel_log_site tavrel_log_site_ = {(uint16_t)__LINE__, TAVREL_LOG_SUBSYS_ID, (mask), "%s", __FILE__}

@@ -185,7 +185,7 @@ extern "C" int tavrel_addrlabel_add(const tavrel_ip_addr *address, uint32_t pref
                                     uint32_t interface_index)
 {
     if (address == nullptr) {
-        TAVREL_NULL_ARG(__func__, "address");
+        tavrel_null_arg(__func__, "address");
         return -1;
     }
     return tavrel_addrlabel_modify(RTM_NEWADDRLABEL, address, prefix_length, label, interface_index);
@@ -195,7 +195,7 @@ extern "C" int tavrel_addrlabel_del(const tavrel_ip_addr *address, uint32_t pref
                                     uint32_t interface_index)
 {
     if (address == nullptr) {
-        TAVREL_NULL_ARG(__func__, "address");
+        tavrel_null_arg(__func__, "address");
         return -1;
     }
     return tavrel_addrlabel_modify(RTM_DELADDRLABEL, address, prefix_length, label, interface_index);
@@ -288,7 +288,7 @@ void tavrel_addrlabel_generate_cb(const struct nlmsghdr *message, void *context)
 extern "C" int tavrel_addrlabel_generate(uint32_t version, uint32_t mode, uint32_t *label)
 {
     if (label == nullptr) {
-        TAVREL_NULL_ARG(__func__, "label");
+        tavrel_null_arg(__func__, "label");
         return -1;
     }
     if (mode == 1) {
@@ -424,7 +424,7 @@ extern "C" int tavrel_addrlabel_purge_label(const tavrel_ip_addr *address, uint3
                                             uint32_t interface_index)
 {
     if (address == nullptr) {
-        TAVREL_NULL_ARG(__func__, "address");
+        tavrel_null_arg(__func__, "address");
         return -1;
     }
     purge_request request;

@@ -90,7 +90,6 @@ inline bool tavrel_log_on(void)
 
 /* A required pointer argument that is NULL: one ERR line naming it. */
 void tavrel_null_arg(const char *function, const char *name);
-#define TAVREL_NULL_ARG(function, name) tavrel_null_arg(function, name)
 
 /* Received attributes may sit at any byte offset. */
 inline uint16_t tavrel_attr_len(const struct nlattr *attr)

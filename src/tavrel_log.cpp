@@ -22,9 +22,9 @@ const char *level_text(uint32_t level_mask)
     }
 }
 
-} // namespace
-
-extern "C" void tavrel_log_file_prefix(FILE *out, const tavrel_log_site *site, const char *function)
+/* The file record's prefix: time with unpadded milliseconds, source file,
+ * function and line, then the level text. */
+void file_prefix(FILE *out, const tavrel_log_site *site, const char *function)
 {
     struct timeval now;
     gettimeofday(&now, NULL);
@@ -41,6 +41,8 @@ extern "C" void tavrel_log_file_prefix(FILE *out, const tavrel_log_site *site, c
             level_text(site->level_mask));
 }
 
+} // namespace
+
 extern "C" int tavrel_log_file_print(int, const char *, const char *format, ...)
 {
     va_list args;
@@ -55,7 +57,7 @@ extern "C" void tavrel_log_emit(const tavrel_log_site *site, const char *file_fu
 {
     if (file_function != NULL && log_to_file && logging_fd != NULL) {
         FILE *out = logging_fd;
-        tavrel_log_file_prefix(out, site, file_function);
+        file_prefix(out, site, file_function);
         format(NULL, tavrel_log_file_print, closure);
         fputc('\n', out);
         fflush(out);

@@ -162,13 +162,13 @@ extern "C" void tavrel_check_failed(void)
 extern "C" void tavrel_nla_put(struct nlmsghdr *request, uint16_t type, int length, const void *data)
 {
     if (request == nullptr) {
-        TAVREL_NULL_ARG("tavrel_nla_put", "request");
+        tavrel_null_arg("tavrel_nla_put", "request");
         return;
     }
     if (length < 0)
         return;
     if (data == nullptr && length != 0) {
-        TAVREL_NULL_ARG("tavrel_nla_put", "data");
+        tavrel_null_arg("tavrel_nla_put", "data");
         return;
     }
     const uint32_t offset = tavrel_ck_align4<uint32_t>(request->nlmsg_len);
@@ -184,7 +184,7 @@ extern "C" void tavrel_nla_put(struct nlmsghdr *request, uint16_t type, int leng
 extern "C" int tavrel_nla_put_ip_addr(struct nlmsghdr *request, uint16_t type, const char *address_text)
 {
     if (request == nullptr || address_text == nullptr) {
-        TAVREL_NULL_ARG(__func__, request == nullptr ? "request" : "address_text");
+        tavrel_null_arg(__func__, request == nullptr ? "request" : "address_text");
         return -1;
     }
     uint8_t buffer[16] = {0};
@@ -208,7 +208,7 @@ extern "C" void tavrel_nla_parse(const struct nlattr *first, const struct nlattr
                                  uint32_t max_type)
 {
     if (table == nullptr) {
-        TAVREL_NULL_ARG("tavrel_nla_parse", "table");
+        tavrel_null_arg("tavrel_nla_parse", "table");
         return;
     }
     const uint32_t entries = tavrel_ck_add<uint32_t>(max_type, 1);
@@ -217,7 +217,7 @@ extern "C" void tavrel_nla_parse(const struct nlattr *first, const struct nlattr
     if (length < NLA_HDRLEN)
         return;
     if (first == nullptr) {
-        TAVREL_NULL_ARG("tavrel_nla_parse", "first");
+        tavrel_null_arg("tavrel_nla_parse", "first");
         return;
     }
 
@@ -242,10 +242,7 @@ extern "C" void tavrel_nla_parse(const struct nlattr *first, const struct nlattr
 
 void tavrel_nla_extack(const struct nlmsghdr *error_message)
 {
-    uint16_t flags;
-    memcpy(&flags, reinterpret_cast<const uint8_t *>(error_message) + offsetof(struct nlmsghdr, nlmsg_flags),
-           sizeof flags);
-    if (!(flags & NLM_F_ACK_TLVS)) {
+    if (!(error_message->nlmsg_flags & NLM_F_ACK_TLVS)) {
         TAVREL_LOG(HIGH, "%s(): No EXTACK content\n", "tavrel_nla_extack");
         return;
     }
@@ -254,11 +251,11 @@ void tavrel_nla_extack(const struct nlmsghdr *error_message)
      * the walk therefore starts inside the tail of the echoed request. */
     const auto *bytes = reinterpret_cast<const uint8_t *>(error_message);
     uint32_t offset = kNlmsgHdrLen + sizeof(int32_t);
-    if (!(flags & NLM_F_CAPPED)) {
+    if (!(error_message->nlmsg_flags & NLM_F_CAPPED)) {
         const uint32_t echoed_len = load_u32(bytes + offset);
         offset = tavrel_ck_add<uint32_t>(offset, tavrel_ck_sub<uint32_t>(echoed_len, kNlmsgHdrLen));
     }
-    const uint32_t length = tavrel_ck_sub<uint32_t>(load_u32(bytes), offset);
+    const uint32_t length = tavrel_ck_sub<uint32_t>(error_message->nlmsg_len, offset);
 
     const struct nlattr *table[NLMSGERR_ATTR_MAX + 1];
     static_assert(NLMSGERR_ATTR_MAX >= 4, "extended-ack attribute table");
@@ -307,7 +304,7 @@ int tavrel_netlink_open(int protocol)
 extern "C" int tavrel_netlink_transact(const struct nlmsghdr *request, int protocol, int *kernel_error)
 {
     if (request == nullptr) {
-        TAVREL_NULL_ARG(__func__, "request");
+        tavrel_null_arg(__func__, "request");
         return -1;
     }
     recv_buffer buffer;
@@ -347,7 +344,7 @@ extern "C" int tavrel_netlink_dump(const struct nlmsghdr *request, int protocol,
                                    void *context)
 {
     if (request == nullptr || callback == nullptr) {
-        TAVREL_NULL_ARG(__func__, request == nullptr ? "request" : "callback");
+        tavrel_null_arg(__func__, request == nullptr ? "request" : "callback");
         return -1;
     }
     recv_buffer buffer;
@@ -421,7 +418,7 @@ extern "C" int tavrel_netlink_query(const struct nlmsghdr *request, int protocol
                                     void *context, int response_required)
 {
     if (request == nullptr || callback == nullptr) {
-        TAVREL_NULL_ARG(__func__, request == nullptr ? "request" : "callback");
+        tavrel_null_arg(__func__, request == nullptr ? "request" : "callback");
         return -1;
     }
     recv_buffer buffer;
@@ -499,7 +496,7 @@ uint32_t tavrel_netlink_query_genl_cb(const struct nlmsghdr *message, void *cont
 extern "C" int tavrel_netlink_query_genl(const char *family_name, uint8_t version, uint16_t *family_id)
 {
     if (family_name == nullptr || family_id == nullptr) {
-        TAVREL_NULL_ARG(__func__, family_name == nullptr ? "family_name" : "family_id");
+        tavrel_null_arg(__func__, family_name == nullptr ? "family_name" : "family_id");
         return -1;
     }
     struct {

@@ -270,7 +270,7 @@ extern "C" int tavrel_rtnetlink_addr_cfg(const char *interface_name, const tavre
                                          uint32_t prefix_length, uint32_t operation, uint32_t lifetime)
 {
     if (interface_name == nullptr || address == nullptr) {
-        TAVREL_NULL_ARG(__func__, interface_name == nullptr ? "interface_name" : "address");
+        tavrel_null_arg(__func__, interface_name == nullptr ? "interface_name" : "address");
         return -1;
     }
     addr_request r;

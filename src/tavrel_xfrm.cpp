@@ -411,8 +411,6 @@ int tavrel_xfrm_set_crypto_alg(xfrm_sa_request *request, const sa_cfg_ref &c, in
     copy_alg_name(header.alg_name, name);
     header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
     const uint32_t payload_len = tavrel_ck_add<uint32_t>(kCryptHeaderLen, key_len);
-    if (key_len > kCryptKeyRoom)
-        tavrel_check_failed();
     uint8_t *payload = begin_sa_attr(request, XFRMA_ALG_CRYPT, payload_len);
     memcpy(payload, &header, sizeof header);
     tavrel_bounded_copy(payload + kCryptHeaderLen, kCryptKeyRoom, key, key_len);
@@ -480,8 +478,6 @@ int tavrel_xfrm_set_auth_alg(xfrm_sa_request *request, const sa_cfg_ref &c, int 
     const uint32_t payload_len = tavrel_ck_add<uint32_t>(kAuthHeaderLen, key_len);
     header.alg_key_len = tavrel_ck_mul<uint32_t>(key_len, 8);
     header.alg_trunc_len = alg->trunc_bits;
-    if (key_len > kAuthKeyRoom)
-        tavrel_check_failed();
     uint8_t *payload = begin_sa_attr(request, XFRMA_ALG_AUTH_TRUNC, payload_len);
     memcpy(payload, &header, sizeof header);
     tavrel_bounded_copy(payload + kAuthHeaderLen, kAuthKeyRoom, key, key_len);
@@ -688,7 +684,7 @@ extern "C" int tavrel_xfrm_add_states(const tavrel_xfrm_sa_cfg *sa_cfg, uint32_t
                                       int32_t link_tech)
 {
     if (sa_cfg == nullptr) {
-        TAVREL_NULL_ARG(__func__, "sa_cfg");
+        tavrel_null_arg(__func__, "sa_cfg");
         return -1;
     }
     TAVREL_LOG(HIGH, "%s(): inserting outgoing XFRM state\n", __func__);
@@ -833,7 +829,7 @@ void tavrel_xfrm_remove_state_cb(const struct nlmsghdr *nlh, void *addrs)
 extern "C" int tavrel_xfrm_remove_states(const tavrel_xfrm_sa_addrs *addrs)
 {
     if (addrs == nullptr) {
-        TAVREL_NULL_ARG(__func__, "addrs");
+        tavrel_null_arg(__func__, "addrs");
         return -1;
     }
     /* No body and no filter: the kernel returns every SA. */
@@ -1034,7 +1030,7 @@ extern "C" int tavrel_xfrm_add_policies(const tavrel_xfrm_sa_addrs *addrs, const
                                         const char *proto, int is_tx)
 {
     if (addrs == nullptr) {
-        TAVREL_NULL_ARG(__func__, "addrs");
+        tavrel_null_arg(__func__, "addrs");
         return -1;
     }
     if (is_tx != 0) {
