@@ -30,12 +30,6 @@ struct socket_plan {
 
     // Chainable setters for table-driven tests.
     socket_plan &reply(bytes datagram) { replies.push_back(std::move(datagram)); return *this; }
-    socket_plan &fail_socket(int e) { socket_errno = e; return *this; }
-    socket_plan &fail_setsockopt(int e) { setsockopt_errno = e; return *this; }
-    socket_plan &fail_bind(int e) { bind_errno = e; return *this; }
-    socket_plan &fail_send(int e) { send_errno = e; return *this; }
-    socket_plan &short_send(size_t n) { send_short_by = n; return *this; }
-    socket_plan &fail_recv(int e) { recv_errno = e; return *this; }
     socket_plan &fd(int n) { fd_override = n; return *this; }
 };
 

@@ -1,7 +1,6 @@
 #include "log_capture.h"
 
-#include <regex.h>
-
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -15,6 +14,10 @@ namespace {
 
 std::vector<std::string> file_chunks;
 std::vector<diag_record> diags;
+struct android_record {
+    int priority;
+    std::string tag, text;
+};
 std::vector<android_record> androids;
 FILE *capture_file = nullptr;
 
@@ -26,20 +29,24 @@ ssize_t cookie_write(void *, const char *data, size_t size)
     return static_cast<ssize_t>(size);
 }
 
-void diag_sink(const tavrel_log_site *site, const char *text)
+void diag_sink(const tavrel_log_site *site, const char *text) { diags.push_back(diag_record{*site, site, text}); }
+
+std::string level_of_mask(uint32_t mask)
 {
-    diags.push_back(diag_record{*site, site, text});
+    return mask == 1 ? "LOW" : mask == 2 ? "MED" : mask == 4 ? "HIGH" : mask == 8 ? "ERR" : "?";
 }
 
-const char *level_of_mask(uint32_t mask)
+// A file record is "time file function():line (LEVEL):message\n\n"; the
+// prefix's exact layout is the log tests' business.
+std::string file_message(const std::string &record, std::string *level = nullptr)
 {
-    switch (mask) {
-    case 1: return "LOW";
-    case 2: return "MED";
-    case 4: return "HIGH";
-    case 8: return "ERR";
-    default: return "?";
-    }
+    const size_t open = record.find(" (", record.find("():")), close = record.find("):", open);
+    EXPECT_TRUE(close != std::string::npos && record.size() >= close + 3 && record.back() == '\n') << record;
+    if (close == std::string::npos || record.size() < close + 3)
+        return record;
+    if (level)
+        *level = record.substr(open + 2, close - open - 2);
+    return record.substr(close + 2, record.size() - close - 3);
 }
 
 }  // namespace
@@ -50,9 +57,7 @@ void start(bool file_on, uint32_t mask)
     file_chunks.clear();
     diags.clear();
     androids.clear();
-    cookie_io_functions_t io{};
-    io.write = cookie_write;
-    capture_file = fopencookie(nullptr, "w", io);
+    capture_file = fopencookie(nullptr, "w", cookie_io_functions_t{nullptr, cookie_write, nullptr, nullptr});
     setvbuf(capture_file, nullptr, _IOFBF, 1 << 16);
     logging_fd = capture_file;
     log_to_file = file_on ? 1 : 0;
@@ -66,54 +71,22 @@ void stop()
     kv_log_mask = 0;
     logging_fd = nullptr;
     tavrel_host_set_diag_sink(nullptr);
-    if (capture_file) {
+    if (capture_file)
         fclose(capture_file);
-        capture_file = nullptr;
-    }
+    capture_file = nullptr;
 }
 
-std::vector<file_record> file_records()
-{
-    // POSIX extended expression: g++ 12 reports <regex> falsely at -O2 with the sanitizers.
-    regex_t prefix;
-    const bool compiled = regcomp(&prefix, R"(^( *[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{1,3}) ( *[^[:space:]]+) ( *[^[:space:]]+)\(\):( *[0-9]+) \((LOW|MED|HIGH|ERR)\):)", REG_EXTENDED) == 0;
-    EXPECT_TRUE(compiled);
-    std::vector<file_record> out;
-    for (const auto &chunk : file_chunks) {
-        file_record r;
-        r.raw = chunk;
-        regmatch_t m[6];
-        if (!compiled || regexec(&prefix, chunk.c_str(), 6, m, 0) != 0) {
-            ADD_FAILURE() << "log file record without prefix: " << chunk;
-            continue;
-        }
-        const auto group = [&](int i) { return chunk.substr(m[i].rm_so, m[i].rm_eo - m[i].rm_so); };
-        r.prefix = group(0);
-        r.time = group(1);
-        r.source_file = group(2);
-        r.function = group(3);
-        r.line = static_cast<unsigned>(std::stoul(group(4)));
-        r.level = group(5);
-        std::string rest = chunk.substr(r.prefix.size());
-        EXPECT_FALSE(rest.empty() || rest.back() != '\n') << "record not closed by a newline: " << chunk;
-        if (!rest.empty())
-            rest.pop_back();
-        r.message = rest;
-        out.push_back(r);
-    }
-    if (compiled)
-        regfree(&prefix);
-    return out;
-}
-
+const std::vector<std::string> &file_records() { return file_chunks; }
 const std::vector<diag_record> &diag_records() { return diags; }
-const std::vector<android_record> &android_records() { return androids; }
 
 std::vector<std::string> file_lines()
 {
     std::vector<std::string> out;
-    for (const auto &r : file_records())
-        out.push_back(r.level + " " + r.message);
+    for (const auto &r : file_chunks) {
+        std::string level;
+        const std::string message = file_message(r, &level);
+        out.push_back(level + " " + message);
+    }
     return out;
 }
 
@@ -121,7 +94,7 @@ std::vector<std::string> diag_lines()
 {
     std::vector<std::string> out;
     for (const auto &d : diags)
-        out.push_back(std::string(level_of_mask(d.site.level_mask)) + " " + d.text);
+        out.push_back(level_of_mask(d.site.level_mask) + " " + d.text);
     return out;
 }
 
@@ -135,17 +108,12 @@ std::vector<std::string> android_lines()
 
 unsigned sinks_of(const std::string &text)
 {
-    unsigned where = 0;
-    for (const auto &r : file_records())
-        if (r.message == text)
-            where |= FILE_SINK;
-    for (const auto &d : diags)
-        if (d.text == text)
-            where |= DIAG_SINK;
-    for (const auto &a : androids)
-        if (a.text == text)
-            where |= ANDROID_SINK;
-    return where;
+    const auto has = [&](const auto &records, auto text_of) {
+        return std::any_of(records.begin(), records.end(), [&](const auto &r) { return text_of(r) == text; });
+    };
+    return (has(file_chunks, [](const std::string &r) { return file_message(r); }) ? FILE_SINK : 0u) |
+           (has(diags, [](const diag_record &d) { return d.text; }) ? DIAG_SINK : 0u) |
+           (has(androids, [](const android_record &a) { return a.text; }) ? ANDROID_SINK : 0u);
 }
 
 void expect_sinks_agree(const std::vector<std::string> &no_file)
@@ -157,15 +125,11 @@ void expect_sinks_agree(const std::vector<std::string> &no_file)
         const auto &a = androids[i];
         EXPECT_EQ(d.text, a.text);
         EXPECT_EQ(a.tag, "ZR-TAVREL-LIB");
-        const int prio = d.site.level_mask == 1 ? 3 : d.site.level_mask == 8 ? 6 : 4;
-        EXPECT_EQ(a.priority, prio) << d.text;
+        EXPECT_EQ(a.priority, d.site.level_mask == 1 ? 3 : d.site.level_mask == 8 ? 6 : 4) << d.text;
         EXPECT_EQ(d.site.subsys_id, 65);
         EXPECT_STREQ(d.site.format, "%s");
-        bool skip = false;
-        for (const auto &t : no_file)
-            skip = skip || t == d.text;
-        if (!skip)
-            expected_file.push_back(std::string(level_of_mask(d.site.level_mask)) + " " + d.text);
+        if (std::find(no_file.begin(), no_file.end(), d.text) == no_file.end())
+            expected_file.push_back(level_of_mask(d.site.level_mask) + " " + d.text);
     }
     EXPECT_EQ(file_lines(), expected_file);
 }

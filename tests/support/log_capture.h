@@ -13,23 +13,10 @@ namespace logcap {
 
 enum sink : unsigned { FILE_SINK = 1, DIAG_SINK = 2, ANDROID_SINK = 4, ALL_SINKS = 7, NO_FILE = 6 };
 
-struct file_record {
-    std::string raw;      // the record as written
-    std::string prefix;   // up to and including the level text
-    std::string time, source_file, function, level;
-    unsigned line = 0;
-    std::string message;  // behind the prefix, without the record's extra newline
-};
-
 struct diag_record {
     tavrel_log_site site;  // copy of the descriptor
     const tavrel_log_site *site_address;
     std::string text;
-};
-
-struct android_record {
-    int priority;
-    std::string tag, text;
 };
 
 // Switches every sink on (file_on: log_to_file and a capturing logging_fd;
@@ -38,9 +25,9 @@ void start(bool file_on = true, uint32_t mask = 3);
 // Switches all sinks off and releases the capture file.
 void stop();
 
-std::vector<file_record> file_records();
+// The log file's records as written, prefix and trailing empty line included.
+const std::vector<std::string> &file_records();
 const std::vector<diag_record> &diag_records();
-const std::vector<android_record> &android_records();
 
 // "LEVEL text" per message, in order, for one sink. The Android sink gives
 // "priority text" since MED and HIGH share a priority.

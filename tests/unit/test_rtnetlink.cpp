@@ -13,6 +13,8 @@ namespace {
 
 using fk::bytes;
 using fk::operator+;
+using fk::raw;
+using fk::request;
 using P = fk::socket_plan;
 using Call = std::function<int()>;
 constexpr uint32_t kRoot = TC_H_ROOT, F = 0xffffffff /* lifetime: forever */;
@@ -20,16 +22,8 @@ constexpr auto qdisc = tavrel_rtnetlink_tc_qdisc;
 constexpr auto prio = tavrel_rtnetlink_tc_prio;
 constexpr auto flow = tavrel_rtnetlink_flow_control;
 
-template <typename T>
-bytes raw(const T &v) { return bytes(reinterpret_cast<const uint8_t *>(&v), reinterpret_cast<const uint8_t *>(&v + 1)); }
 const nlmsghdr *as_message(const bytes &b) { return reinterpret_cast<const nlmsghdr *>(b.data()); }
 bytes u32(uint16_t type, uint32_t value) { return fk::attr(type, fk::u32_bytes(value)); }
-
-// A request as it must go out: the netlink header, its length counted, then the body.
-bytes request(uint16_t type, uint16_t flags, const bytes &body)
-{
-    return raw(nlmsghdr{static_cast<uint32_t>(NLMSG_HDRLEN + body.size()), type, flags, 0, 0}) + body;
-}
 
 // Rules are filled as struct rtmsg, whose protocol RTPROT_BOOT lands on res1.
 bytes rule_request(uint16_t type, uint16_t flags, uint8_t action, const bytes &attributes)
@@ -58,56 +52,45 @@ bytes tc(uint16_t type, uint16_t flags, int ifindex, uint32_t parent, uint32_t h
                                     (bands != 0 ? fk::attr(TCA_OPTIONS, options) : bytes{}));
 }
 
-struct row {
-    Call call;
-    bytes sent;  // the one request sent, if any
-    lines own;   // this file's functions' lines, descriptor lines aside; a trailing "errno " stands for any number
-    int result = 0;
-    P plan = P().reply(fk::ack(0));
-};
+// The rows name this file's functions' lines but the descriptor lines; of them only addr_cfg's and the descriptor
+// lines reach the log file.
+bool own(const std::string &t) { return t.rfind("tavrel_rtnetlink_", 0) == 0 && t.find(" file descriptor ") == std::string::npos; }
+bool no_file(const std::string &t) { return own(t) && t.rfind("tavrel_rtnetlink_addr_cfg(", 0) != 0; }
 
-// Runs one row with eth0 as interface 7. Of this file's lines only addr_cfg's and the descriptor lines reach the log
-// file. The route socket (no extended acknowledgement) logs its descriptor, reads 36 bytes, closes and logs all but 0.
-void check(const row &c, long index)
+// The route socket (no extended acknowledgement) is bound to the kernel, logs its descriptor, reads 36 bytes, closes
+// and logs all but descriptor 0.
+void route_sockets()
 {
-    SCOPED_TRACE(index);
-    fk::reset();
-    logcap::start();
-    fk::set_interface("eth0", 7);
-    fk::expect_socket() = c.plan;
-    EXPECT_EQ(c.call(), c.result);
-    const std::string tx = "LOW tavrel_rtnetlink_transaction(): ";
-    lines own, no_file, descriptors, expected_descriptors;
-    std::vector<bytes> sent;  // all sockets' requests
+    lines descriptors, expected;
+    for (const std::string &l : logcap::diag_lines())
+        if (l.rfind("LOW tavrel_rtnetlink_", 0) == 0 && l.find(" file descriptor ") != std::string::npos)
+            descriptors.push_back(l);
     for (const auto &s : fk::sockets()) {
         EXPECT_EQ(s.closed, s.fd > 0) << "descriptor " << s.fd;
         EXPECT_EQ(std::make_tuple(s.protocol, s.type, s.bind_length, s.bind_address.nl_family,
                                   s.bind_address.nl_pid | s.bind_address.nl_groups),
                   std::make_tuple(NETLINK_ROUTE, SOCK_RAW | SOCK_CLOEXEC, s.bound ? 12u : 0u, s.bound ? AF_NETLINK : 0, 0u));
         EXPECT_TRUE(s.ext_ack_requested || s.recv_sizes.empty() || s.recv_sizes == std::vector<size_t>{36});
-        sent.insert(sent.end(), s.sent.begin(), s.sent.end());
         for (const std::string event : {"opened", "closing"})
             if (!s.ext_ack_requested && (event == "opened" || s.fd > 0))
-                expected_descriptors.push_back(tx + event + " file descriptor " + fd_text(s.fd) + "\n");
+                expected.push_back("LOW tavrel_rtnetlink_transaction(): " + event + " file descriptor " + fd_text(s.fd) + "\n");
     }
-    EXPECT_EQ(sent, c.sent.empty() ? std::vector<bytes>{} : std::vector<bytes>{c.sent});
-    for (const std::string &l : logcap::diag_lines()) {
-        const std::string text = l.substr(l.find(' ') + 1);
-        if (text.rfind("tavrel_rtnetlink_", 0) != 0)
-            continue;
-        const bool descriptor = text.find(" file descriptor ") != std::string::npos;
-        (descriptor ? descriptors : own).push_back(l);
-        if (!descriptor && text.rfind("tavrel_rtnetlink_addr_cfg(", 0) != 0)
-            no_file.push_back(text);
-    }
-    for (size_t i = 0; i < own.size() && i < c.own.size(); i++)
-        if (c.own[i].back() == ' ' && own[i].find_first_not_of("0123456789", c.own[i].size()) == std::string::npos)
-            own[i].resize(c.own[i].size());
-    EXPECT_EQ(own, c.own);
-    EXPECT_EQ(descriptors, expected_descriptors);
-    logcap::expect_sinks_agree(no_file);
-    fk::reset();
+    EXPECT_EQ(descriptors, expected);
 }
+
+// A row with eth0 as interface 7, one route socket, acknowledging unless told otherwise, and at most one request.
+struct row {
+    Call call;
+    bytes sent;
+    line_matchers own;
+    int result = 0;
+    P plan = P().reply(fk::ack(0));
+    operator call_row() const
+    {
+        const Call with_eth0 = [c = call] { return fk::set_interface("eth0", 7), c(); };
+        return {with_eth0, {plan}, sent.empty() ? std::vector<bytes>{} : std::vector<bytes>{sent}, own, result};
+    }
+};
 
 class Rtnetlink : public TavrelTest {};
 
@@ -179,13 +162,12 @@ TEST_F(Rtnetlink, RequestsResultsAndMessages)
         // The route socket's answers: one acknowledgement, of which only 36 bytes are read.
         {pfifo, pfifo_add, {tx + "netlink message error rc:-22 (Unknown error -22)", failed}, -1,
          P().reply(fk::ack(-EINVAL, pfifo_add))},
-        {pfifo, pfifo_add, {tx + "route nl recv failed! rc:20 errno ", failed}, -1,
+        {pfifo, pfifo_add, {testing::StartsWith(tx + "route nl recv failed! rc:20 errno "), failed}, -1,
          P().reply(fk::datagram({{NLMSG_ERROR, 0, bytes(4)}}))},
         {pfifo, pfifo_add, {failed}, -1, P().reply(fk::datagram({{RTM_NEWQDISC, 0, bytes(20)}}))},
         {pfifo, pfifo_add, {}, 0, P().fd(0).reply(fk::ack(0))},  // descriptor 0 stays open, and unlogged
     };
-    for (const row &r : rows)
-        check(r, &r - rows);
+    check_rows({std::begin(rows), std::end(rows)}, {own, no_file}, route_sockets);
     EXPECT_DEATH(qdisc("eth0", std::string(496, 'k').c_str(), 0, 0, 0), "");
 }
 

@@ -84,7 +84,10 @@ TEST_F(Attributes, PutAndPutIpAddress)
 
 TEST_F(Attributes, ParseIndexesByTypeLastWins)
 {
-    auto value = [](const nlattr *a) { return a ? reinterpret_cast<const uint8_t *>(a)[4] : 0; };
+    // The first payload byte of each attribute found, 255 for an empty one.
+    auto value = [](const nlattr *a) {
+        return !a ? 0 : a->nla_len > NLA_HDRLEN ? reinterpret_cast<const uint8_t *>(a)[4] : 255;
+    };
     const nlattr *t[4];
     auto parse = [&](const fk::bytes &run, uint32_t length) {
         tavrel_nla_parse(reinterpret_cast<const nlattr *>(run.data()), t, length, 3);
@@ -96,8 +99,9 @@ TEST_F(Attributes, ParseIndexesByTypeLastWins)
     // A malformed length ends the walk and keeps what was found before it.
     const fk::bytes broken = a(1, 11) + fk::bytes{2, 0, 2, 0} + a(2, 21);
     EXPECT_EQ(parse(broken, broken.size()), (std::vector<int>{0, 11, 0, 0}));
-    // Fewer than 4 bytes, or an attribute longer than the run: nothing.
+    // Fewer than 4 bytes, or an attribute longer than the run: nothing; 4 bytes hold an empty attribute.
     EXPECT_EQ(parse(run, 3), (std::vector<int>{0, 0, 0, 0}));
+    EXPECT_EQ(parse(fk::attr(2, {}), 4), (std::vector<int>{0, 0, 255, 0}));
     EXPECT_EQ(parse(run, 7), (std::vector<int>{0, 0, 0, 0}));
     // A final attribute whose padding lies beyond the run stops the process.
     EXPECT_DEATH(parse(fk::attr(1, {1, 2, 3, 4, 5}), 9), "");
