@@ -90,21 +90,3 @@ TEST_F(Log, FileRecordPrefixAndTrailingEmptyLine)
         EXPECT_EQ(logcap::file_records(), lines{expected});
     }
 }
-
-// The diagnostics library reads the descriptor at fixed byte offsets (16
-// bytes on 32-bit ARM); read it the same way on whatever ABI this runs.
-TEST_F(Log, DescriptorFieldsSitWhereTheDiagnosticsLibraryReadsThem)
-{
-    TAVREL_LOG(ERR, "%s(): x\n", "log_fn");
-    const unsigned line = __LINE__ - 1;
-    const auto *site = reinterpret_cast<const uint8_t *>(logcap::diag_records().at(0).site_address);
-    auto at = [&](size_t offset, auto value) {
-        memcpy(&value, site + offset, sizeof value);
-        return value;
-    };
-    EXPECT_EQ(at(0, uint16_t()), line);
-    EXPECT_EQ(at(2, uint16_t()), 65);
-    EXPECT_EQ(at(4, uint32_t()), 8u);
-    EXPECT_STREQ(at(8, static_cast<const char *>(nullptr)), "%s");
-    EXPECT_STREQ(at(8 + sizeof(void *), static_cast<const char *>(nullptr)), "tests/unit/test_log.cpp");
-}
