@@ -36,13 +36,16 @@ F next_fn(const char *name)
     return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 
+// Descriptors that are not the fake kernel's go to the C library.
+#define PASS_ON(name, ...) return next_fn<decltype(&::name)>(#name)(__VA_ARGS__)
+
 }  // namespace
 
 void reset()
 {
     for (auto &entry : active)
         if (records[entry.second].plan.fd_override < 0)
-            next_fn<int (*)(int)>("close")(entry.first);
+            next_fn<decltype(&::close)>("close")(entry.first);
     plans.clear();
     records.clear();
     active.clear();
@@ -143,7 +146,7 @@ extern "C" {
 int socket(int domain, int type, int protocol)
 {
     if (domain != AF_NETLINK)
-        return next_fn<int (*)(int, int, int)>("socket")(domain, type, protocol);
+        PASS_ON(socket, domain, type, protocol);
     socket_plan plan = plans.empty() ? socket_plan{} : plans.front();
     if (!plans.empty())
         plans.pop_front();
@@ -167,8 +170,7 @@ int setsockopt(int fd, int level, int name, const void *value, socklen_t length)
 {
     socket_record *rec = find(fd);
     if (!rec)
-        return next_fn<int (*)(int, int, int, const void *, socklen_t)>("setsockopt")(fd, level, name, value,
-                                                                                       length);
+        PASS_ON(setsockopt, fd, level, name, value, length);
     if (level == SOL_NETLINK && name == NETLINK_EXT_ACK && length == sizeof(int) &&
         *static_cast<const int *>(value) == 1)
         rec->ext_ack_requested = true;
@@ -183,7 +185,7 @@ int bind(int fd, const sockaddr *address, socklen_t length)
 {
     socket_record *rec = find(fd);
     if (!rec)
-        return next_fn<int (*)(int, const sockaddr *, socklen_t)>("bind")(fd, address, length);
+        PASS_ON(bind, fd, address, length);
     rec->bound = true;
     rec->bind_length = length;
     std::memcpy(&rec->bind_address, address, std::min<size_t>(length, sizeof rec->bind_address));
@@ -198,8 +200,7 @@ ssize_t sendto(int fd, const void *data, size_t length, int flags, const sockadd
 {
     socket_record *rec = find(fd);
     if (!rec)
-        return next_fn<ssize_t (*)(int, const void *, size_t, int, const sockaddr *, socklen_t)>("sendto")(
-            fd, data, length, flags, to, to_length);
+        PASS_ON(sendto, fd, data, length, flags, to, to_length);
     EXPECT_EQ(flags, 0);
     EXPECT_EQ(to, nullptr);
     rec->sent.emplace_back(static_cast<const uint8_t *>(data), static_cast<const uint8_t *>(data) + length);
@@ -214,8 +215,7 @@ ssize_t recvfrom(int fd, void *buffer, size_t length, int flags, sockaddr *from,
 {
     socket_record *rec = find(fd);
     if (!rec)
-        return next_fn<ssize_t (*)(int, void *, size_t, int, sockaddr *, socklen_t *)>("recvfrom")(
-            fd, buffer, length, flags, from, from_length);
+        PASS_ON(recvfrom, fd, buffer, length, flags, from, from_length);
     EXPECT_EQ(flags, 0);
     rec->recv_sizes.push_back(length);
     if (rec->next_reply >= rec->plan.replies.size()) {
@@ -236,13 +236,13 @@ int close(int fd)
 {
     auto it = active.find(fd);
     if (it == active.end())
-        return next_fn<int (*)(int)>("close")(fd);
+        PASS_ON(close, fd);
     socket_record &rec = records[it->second];
     rec.closed = true;
     active.erase(it);
     if (rec.plan.fd_override >= 0)
         return 0;
-    return next_fn<int (*)(int)>("close")(fd);
+    PASS_ON(close, fd);
 }
 
 unsigned int if_nametoindex(const char *name)
