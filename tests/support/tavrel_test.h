@@ -76,40 +76,6 @@ inline std::string fd_text(int fd)
     return buf;
 }
 
-// One library call against a single scripted socket. Checks that the socket
-// was opened and closed with their log lines (closer names the function that
-// logs the close), that the sinks agree and that nothing is left open; gives
-// the result, the log lines between the open and close lines and after the
-// close line, and the socket's record.
-struct socket_run {
-    int result = 0;
-    lines middle, after;
-    fk::socket_record sock;
-};
-
-template <typename Call>
-socket_run run_on_socket(const fk::socket_plan &plan, const std::string &closer, Call call)
-{
-    fk::reset();
-    logcap::start();
-    fk::expect_socket() = plan;
-    socket_run r;
-    r.result = call();
-    r.sock = fk::sockets().at(0);
-    const lines all = logcap::diag_lines();
-    const std::string fd = fd_text(r.sock.fd);
-    const auto close_line = std::find(all.rbegin(), all.rend(), "LOW " + closer + "(): closing file descriptor " + fd + "\n");
-    EXPECT_TRUE(!all.empty() && all.front() == "LOW tavrel_netlink_open(): opened file descriptor " + fd + "\n");
-    EXPECT_NE(close_line, all.rend()) << "socket " << fd << " closed without its log line";
-    if (!all.empty() && close_line != all.rend()) {
-        r.middle.assign(all.begin() + 1, close_line.base() - 1);
-        r.after.assign(close_line.base(), all.end());
-    }
-    logcap::expect_sinks_agree();
-    EXPECT_EQ(fk::open_descriptors(), 0);
-    return r;
-}
-
 // One library call stated as a row: the plans of the sockets it opens, in
 // order; the requests they carry, in order; the log lines ("LEVEL text") of
 // the diagnostics sink that the file's view keeps; the result.

@@ -1,6 +1,7 @@
-// Attributes, extended acknowledgements, socket opening and the acknowledged
-// transaction, against the fake kernel.
+// Attributes, extended acknowledgements, and the transport's socket functions against the fake kernel: the
+// acknowledged transaction, dumps, single-answer queries and the generic-netlink family lookup.
 #include <linux/fib_rules.h>
+#include <linux/genetlink.h>
 #include <linux/rtnetlink.h>
 
 #include "tavrel_internal.h"
@@ -8,6 +9,7 @@
 
 using fk::operator+;
 using P = fk::socket_plan;
+using testing::StartsWith;
 
 namespace {
 
@@ -149,56 +151,201 @@ TEST_F(Attributes, ExtendedAcknowledgementText)
     }
 }
 
-class Transact : public TavrelTest {};
+namespace {
 
-TEST_F(Transact, AnswersAndFailures)
+// The transport's rows name every line but the descriptor lines. Its socket is a bound raw socket of the protocol that
+// asks for extended acknowledgements; tavrel_netlink_open logs its opening first, the closer logs its closing as its
+// own last line.
+bool not_descriptor(const std::string &t) { return t.find(" file descriptor ") == std::string::npos; }
+bool never(const std::string &) { return false; }
+const log_view kTransport = {not_descriptor, never};
+
+std::function<void()> transport_socket(int protocol, const std::string &closer)
 {
-    const request_buffer ack = make_rule(NLM_F_REQUEST | NLM_F_ACK);
-    const request_buffer no_ack = make_rule(NLM_F_REQUEST | NLM_F_CREATE);
+    return [=] {
+        ASSERT_EQ(fk::sockets().size(), 1u);
+        const auto &s = fk::sockets()[0];
+        EXPECT_EQ(std::make_tuple(s.protocol, s.type, s.ext_ack_requested, s.bind_length, s.bind_address.nl_family),
+                  std::make_tuple(protocol, SOCK_RAW | SOCK_CLOEXEC, true, 12u, AF_NETLINK));
+        EXPECT_THAT(s.recv_sizes, testing::Each(4096u));
+        const lines all = logcap::diag_lines();
+        const std::string fd = fd_text(s.fd);
+        EXPECT_THAT(all, testing::Contains("LOW tavrel_netlink_open(): opened file descriptor " + fd + "\n").Times(1));
+        EXPECT_EQ(all.at(0), "LOW tavrel_netlink_open(): opened file descriptor " + fd + "\n");
+        const auto last = std::find_if(all.rbegin(), all.rend(),
+                                       [&](const std::string &l) { return l.find(" " + closer + "(): ") != std::string::npos; });
+        EXPECT_TRUE(last != all.rend() && *last == "LOW " + closer + "(): closing file descriptor " + fd + "\n");
+    };
+}
+
+size_t receives() { return fk::sockets().at(0).recv_sizes.size(); }
+
+const request_buffer kAck = make_rule(NLM_F_REQUEST | NLM_F_ACK), kNoAck = make_rule(NLM_F_REQUEST | NLM_F_CREATE);
+
+// A transaction of one of the two requests above; the kernel's error code, 0 for none, is always written.
+call_row transact(const request_buffer &request, P plan, int result, int kernel_error, line_matchers log)
+{
+    const auto call = [&request, kernel_error] {
+        int error = 99;
+        const int r = tavrel_netlink_transact(&request.header, NETLINK_XFRM, &error);
+        EXPECT_EQ(error, kernel_error);
+        EXPECT_EQ(receives(), &request == &kAck ? 1u : 0u);
+        return r;
+    };
+    return {call, {plan}, {request_bytes(&request)}, log, result};
+}
+
+}  // namespace
+
+class Transport : public TavrelTest {};
+
+TEST_F(Transport, TransactAnswersAndFailures)
+{
     // 29 bytes long, padded to 32: the walk must round up to the next message.
     const fk::bytes other = fk::datagram({fk::msg{RTM_NEWRULE, 0, fk::bytes(13, 0)}});
-    const fk::bytes short_error = fk::datagram({fk::msg{NLMSG_ERROR, 0, fk::bytes(20, 0), 35}});
-    const std::string ok = "HIGH tavrel_netlink_transact(): NL ACK received from kernel\n";
-    const std::string no_ack_seen = "ERR tavrel_netlink_transact(): no NL ACK received from kernel\n";
-    const struct {
-        const char *name;
-        const request_buffer *request;
-        P plan;
-        int result, kernel_error;
-        lines middle;
-    } cases[] = {
-        {"ack", &ack, P().reply(fk::ack(0)), 0, 0, {ok}},
-        {"no ack wanted", &no_ack, P(), 0, 0, {"MED tavrel_netlink_transact(): Not requesing ACK for NL message\n"}},
-        {"ack after another message", &ack, P().reply(other + fk::ack(0)), 0, 0, {ok}},
-        {"refused", &ack, P().reply(fk::ack(-17)), -1, -17,
-         {"ERR tavrel_netlink_transact(): Kernel reports error -17\n", "HIGH tavrel_nla_extack(): No EXTACK content\n"}},
-        {"positive code", &ack, P().reply(fk::ack(5)), -1, 5,
-         {"ERR tavrel_netlink_transact(): Kernel reports error 5\n", "HIGH tavrel_nla_extack(): No EXTACK content\n"}},
-        {"error of 35 bytes", &ack, P().reply(short_error), -1, 0,
-         {"ERR tavrel_netlink_transact(): invalid NL error received\n"}},
-        {"12-byte datagram", &ack, P().reply(fk::bytes(12, 0)), -1, 0, {no_ack_seen}},
-        {"only other messages", &ack, P().reply(other), -1, 0, {no_ack_seen}},
-        {"length beyond the datagram", &ack, P().reply(fk::datagram({fk::msg{NLMSG_ERROR, 0, fk::bytes(20, 0), 100}})),
-         -1, 0, {no_ack_seen}},
-        {"padding past the end", &ack, P().reply(fk::bytes(other.begin(), other.end() - 3)), -1, 0, {no_ack_seen}},
+    const std::string tx = "tavrel_netlink_transact(): ", ok = "HIGH " + tx + "NL ACK received from kernel\n",
+                      no_ack = "ERR " + tx + "no NL ACK received from kernel\n",
+                      no_extack = "HIGH tavrel_nla_extack(): No EXTACK content\n";
+    check_rows({
+        transact(kAck, P().reply(fk::ack(0)), 0, 0, {ok}),
+        transact(kNoAck, P(), 0, 0, {"MED " + tx + "Not requesing ACK for NL message\n"}),
+        transact(kAck, P().reply(other + fk::ack(0)), 0, 0, {ok}),
+        transact(kAck, P().reply(fk::ack(-17)), -1, -17, {"ERR " + tx + "Kernel reports error -17\n", no_extack}),
+        transact(kAck, P().reply(fk::ack(5)), -1, 5, {"ERR " + tx + "Kernel reports error 5\n", no_extack}),
+        // An error of 35 bytes is too short to read the kernel's code.
+        transact(kAck, P().reply(fk::datagram({fk::msg{NLMSG_ERROR, 0, fk::bytes(20, 0), 35}})), -1, 0,
+                 {"ERR " + tx + "invalid NL error received\n"}),
+        // A 12-byte datagram, only other messages, a length beyond the datagram, padding past its end.
+        transact(kAck, P().reply(fk::bytes(12, 0)), -1, 0, {no_ack}),
+        transact(kAck, P().reply(other), -1, 0, {no_ack}),
+        transact(kAck, P().reply(fk::datagram({fk::msg{NLMSG_ERROR, 0, fk::bytes(20, 0), 100}})), -1, 0, {no_ack}),
+        transact(kAck, P().reply(fk::bytes(other.begin(), other.end() - 3)), -1, 0, {no_ack}),
+    }, kTransport, transport_socket(NETLINK_XFRM, "tavrel_netlink_transact"));
+}
+
+namespace {
+
+struct dump_request {
+    nlmsghdr header;
+    uint8_t family[12];
+};
+const dump_request kDumpRequest = {{sizeof(dump_request), RTM_GETADDRLABEL, NLM_F_REQUEST | NLM_F_DUMP, 0, 0}, {}};
+
+fk::bytes record(uint8_t id, uint16_t flags = NLM_F_MULTI)
+{
+    return fk::datagram({fk::msg{RTM_NEWADDRLABEL, flags, {id, 0, 0, 0}}});
+}
+
+// The first payload byte of every message handed to a callback (-1 for none).
+int id_of(const nlmsghdr *message) { return message->nlmsg_len > 16 ? reinterpret_cast<const uint8_t *>(message)[16] : -1; }
+
+// A dump of kDumpRequest delivering messages of these ids.
+call_row dump(P plan, int result, std::vector<int> ids, line_matchers log)
+{
+    const auto call = [ids] {
+        std::vector<int> seen;
+        const auto collect = [](const nlmsghdr *m, void *context) { static_cast<std::vector<int> *>(context)->push_back(id_of(m)); };
+        const int r = tavrel_netlink_dump(&kDumpRequest.header, NETLINK_ROUTE, collect, &seen);
+        EXPECT_EQ(seen, ids);
+        return r;
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        int kernel_error = 99;
-        const socket_run r = run_on_socket(c.plan, "tavrel_netlink_transact", [&] {
-            return tavrel_netlink_transact(&c.request->header, NETLINK_XFRM, &kernel_error);
-        });
-        EXPECT_EQ(r.result, c.result);
-        EXPECT_EQ(kernel_error, c.kernel_error);
-        EXPECT_EQ(r.middle, c.middle);
-        EXPECT_EQ(r.sock.protocol, NETLINK_XFRM);
-        EXPECT_EQ(r.sock.type, SOCK_RAW | SOCK_CLOEXEC);
-        EXPECT_TRUE(r.sock.ext_ack_requested);
-        EXPECT_EQ(r.sock.bind_length, 12u);
-        EXPECT_EQ(r.sock.bind_address.nl_family, AF_NETLINK);
-        EXPECT_EQ(r.sock.sent, std::vector<fk::bytes>{request_bytes(c.request)});
-        EXPECT_EQ(r.sock.recv_sizes, c.request == &ack ? std::vector<size_t>{4096} : std::vector<size_t>{});
-    }
+    return {call, {plan}, {request_bytes(&kDumpRequest)}, log, result};
+}
+
+// A query of kDumpRequest whose callback answers from a script (2 once it runs out) and must see these ids; one
+// datagram is read at most.
+call_row query(P plan, std::vector<uint32_t> answers, int required, int result, std::vector<int> ids, line_matchers log)
+{
+    const auto call = [=] {
+        struct script {
+            std::vector<uint32_t> answers;
+            std::vector<int> seen;
+        } s{answers, {}};
+        const auto answer = [](const nlmsghdr *m, void *context) {
+            auto *s = static_cast<script *>(context);
+            s->seen.push_back(id_of(m));
+            return s->seen.size() <= s->answers.size() ? s->answers[s->seen.size() - 1] : 2u;
+        };
+        const int r = tavrel_netlink_query(&kDumpRequest.header, NETLINK_ROUTE, answer, &s, required);
+        EXPECT_EQ(s.seen, ids);
+        EXPECT_LE(receives(), 1u);
+        return r;
+    };
+    return {call, {plan}, {request_bytes(&kDumpRequest)}, log, result};
+}
+
+}  // namespace
+
+TEST_F(Transport, DumpWalksDatagramsUntilDone)
+{
+    const fk::bytes three = record(1) + record(2) + record(3);
+    const std::string fn = "ERR tavrel_netlink_dump(): ";
+    check_rows({
+        dump(P().reply(three + fk::done(0)), 0, {1, 2, 3}, {}),
+        // Several datagrams, a short one ignored.
+        dump(P().reply(record(1)).reply(fk::bytes(8, 0xff)).reply(record(2) + fk::done(0)), 0, {1, 2}, {}),
+        dump(P().reply(record(1, NLM_F_MULTI | NLM_F_DUMP_INTR) + fk::done(0)), 0, {1},
+             {"HIGH tavrel_netlink_dump(): NL dump was interrupted.\n"}),
+        // An acknowledgement goes to the callback; nothing behind DONE is read.
+        dump(P().reply(record(1) + fk::ack(0) + fk::done(0)), 0, {1, 0}, {}),
+        dump(P().reply(fk::done(0) + record(9)), 0, {}, {}),
+        dump(P().reply(three).reply(fk::ack(-1) + record(4)), -1, {1, 2, 3},
+             {fn + "kernel reports errno [1, Operation not permitted]\n"}),
+        dump(P().reply(fk::datagram({fk::msg{NLMSG_ERROR, 0, fk::bytes(19, 0)}})), -1, {}, {fn + "invalid NL ERR received\n"}),
+        dump(P().reply(fk::datagram({fk::msg{NLMSG_DONE, NLM_F_MULTI, {}}})), -1, {}, {fn + "inavlid dump done message\n"}),
+        dump(P().reply(record(1) + fk::done(-16)), -1, {1}, {fn + "NL dump reports errno [16, Device or resource busy]\n"}),
+    }, kTransport, transport_socket(NETLINK_ROUTE, "tavrel_netlink_dump"));
+}
+
+TEST_F(Transport, QueryCallbackAnswersSteerTheWalk)
+{
+    const fk::bytes two = record(1) + record(2);
+    const std::string fn = "tavrel_netlink_query(): ", not_found = "MED " + fn + "Netlink query response not found\n",
+                      no_extack = "HIGH tavrel_nla_extack(): No EXTACK content\n";
+    check_rows({
+        query(P().reply(two), {2, 1}, 1, 0, {1, 2}, {}),
+        query(P().reply(two), {1}, 1, 0, {1}, {}),  // the rest unseen
+        query(P().reply(two), {0}, 1, -1, {1}, {"ERR " + fn + "Netlink query cb reports failed\n"}),
+        // Other answers mean "not this one"; "required" compares with 1 only.
+        query(P().reply(two), {7, 0xffffffffu}, 1, -1, {1, 2}, {not_found}),
+        query(P().reply({}), {}, 0, 0, {}, {}),
+        query(P().reply({}), {}, 1, -1, {}, {not_found}),
+        query(P().reply(two), {}, 2, 0, {1, 2}, {}),
+        // An acknowledgement is a failure, also after a skipped message.
+        query(P().reply(fk::ack(0)), {}, 1, -1, {}, {"ERR " + fn + "Kernel reports error 0\n", no_extack}),
+        query(P().reply(record(1) + fk::ack(-2)), {}, 1, -1, {1}, {"ERR " + fn + "Kernel reports error -2\n", no_extack}),
+        query(P().reply(fk::datagram({fk::msg{NLMSG_ERROR, 0, fk::bytes(8, 0)}})), {}, 1, -1, {},
+              {"ERR " + fn + "invalid NL error received\n"}),
+    }, kTransport, transport_socket(NETLINK_ROUTE, "tavrel_netlink_query"));
+}
+
+TEST_F(Transport, GenlLookupRequestIdAndFailures)
+{
+    const fk::bytes answer = fk::bytes{CTRL_CMD_NEWFAMILY, 2, 0, 0} + fk::attr(CTRL_ATTR_FAMILY_NAME, fk::str_bytes("tavrel"));
+    // nlmsghdr (32, GENL_ID_CTRL, REQUEST), genlmsghdr (GETFAMILY, version 2), CTRL_ATTR_FAMILY_NAME "tavrel\0" padded.
+    const fk::bytes sent = {32, 0, 0, 0, 0x10, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3, 2, 0, 0,
+                            11, 0, 2, 0, 't', 'a', 'v', 'r', 'e', 'l', 0, 0};
+    const auto lookup = [&](P plan, uint16_t id, line_matchers log) -> call_row {
+        const auto call = [id] {
+            uint16_t got = 0xabcd;
+            const int r = tavrel_netlink_query_genl("tavrel", 2, &got);
+            EXPECT_EQ(got, id);
+            return r;
+        };
+        if (id == 0xabcd)
+            log.push_back("ERR tavrel_netlink_query_genl(): Netlink query failed\n");
+        return {call, {plan}, {sent}, log, id == 0xabcd ? -1 : 0};
+    };
+    check_rows({
+        lookup(P().reply(fk::datagram({fk::msg{GENL_ID_CTRL, 0, answer + fk::attr(CTRL_ATTR_FAMILY_ID, {0x1c, 0})}})), 28, {}),
+        lookup(P().reply(fk::ack(-2)), 0xabcd,
+               {"ERR tavrel_netlink_query(): Kernel reports error -2\n", "HIGH tavrel_nla_extack(): No EXTACK content\n"}),
+        lookup(P().reply(fk::datagram({fk::msg{GENL_ID_CTRL, 0, answer}})), 0xabcd,
+               {"MED tavrel_netlink_query(): Netlink query response not found\n"}),
+    }, kTransport, transport_socket(NETLINK_GENERIC, "tavrel_netlink_query"));
+    const fk::bytes tiny = fk::datagram({fk::msg{GENL_ID_CTRL, 0, {}}});
+    int32_t id = -1;
+    EXPECT_DEATH(tavrel_netlink_query_genl_cb(reinterpret_cast<const nlmsghdr *>(tiny.data()), &id), "");
 }
 
 TEST(CheckedArithmetic, OverflowStopsTheProcess)
