@@ -20,15 +20,6 @@ static int entry(const std::string &prefix, uint32_t length, uint32_t label, uin
     return modify(&a, length, label, index);
 }
 
-TEST_F(AddrlabelKernelTest, EntriesAreAddedAndDeleted)
-{
-    const std::string listed = "prefix 2001:db8:1::/64 dev lo label 100 \n";
-    check("added", entry("2001:db8:1::", 64, 100), 0, "ip addrlabel list", {listed});
-    check("exclusive", entry("2001:db8:1::", 64, 101), -1, "ip addrlabel list", {listed});
-    check("deleted", entry("2001:db8:1::", 64, 100, 1, tavrel_addrlabel_del), 0, "ip addrlabel list", {"!2001:db8:1::"});
-    check("nothing to delete", entry("2001:db8:1::", 64, 100, 1, tavrel_addrlabel_del), -1, "", {});
-}
-
 TEST_F(AddrlabelKernelTest, GenerateReturnsTheLowestGapAboveTheSystemLabels)
 {
     srand(11);  // only the system's labels, all below 21: the label is drawn above 20
@@ -47,7 +38,7 @@ TEST_F(AddrlabelKernelTest, GenerateReturnsTheLowestGapAboveTheSystemLabels)
 
 // The address's own entry and the other entry with its label go; the rest,
 // and the system's fc00::/7 with label 5, stay.
-TEST_F(AddrlabelKernelTest, PurgeRemovesTheAddressAndItsLabelOnly)
+TEST_F(AddrlabelKernelTest, EntriesAddedPurgedAndDeleted)
 {
     const std::string system = sh("ip addrlabel list");
     const struct {
@@ -57,10 +48,13 @@ TEST_F(AddrlabelKernelTest, PurgeRemovesTheAddressAndItsLabelOnly)
                   {"2001:db8:3::", 64, 101, 1}, {"2001:db8:4::", 48, 100, 1}, {"2001:db8:5::", 64, 100, 0}};
     for (const auto &p : placed)
         ASSERT_EQ(entry(p.prefix, p.length, p.label, p.index), 0) << kernel_log;
+    check("exclusive", entry("2001:db8:1::", 64, 101), -1, "ip addrlabel list",
+          {"prefix 2001:db8:1::/64 dev lo label 100 \n"});
     const tavrel_ip_addr ula = ip("fd00::1"), a = ip("2001:db8:1::5");
     EXPECT_EQ(tavrel_addrlabel_purge_label(&ula, 7, 0), 0) << kernel_log;
     EXPECT_EQ(tavrel_addrlabel_purge_label(&a, 64, 1), 0) << kernel_log;
     for (const auto &p : {placed[2], placed[3], placed[4]})
         EXPECT_EQ(entry(p.prefix, p.length, p.label, p.index, tavrel_addrlabel_del), 0) << p.prefix;
     EXPECT_EQ(sh("ip addrlabel list"), system);
+    check("nothing to delete", entry("2001:db8:3::", 64, 101, 1, tavrel_addrlabel_del), -1, "", {});
 }
