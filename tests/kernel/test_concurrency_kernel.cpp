@@ -33,10 +33,10 @@ TEST_F(KernelTest, SixteenThreadsLeaveExactlyTheirState)
                     v4{4, 4, {10, uint8_t(100 + t), uint8_t(x), 1}};
                 const std::string net = fmt("10.%d.%d.0/24", t + 1, x);
                 uint32_t label;
-                const int kind = i % 5;
-                failures += (kind == 0 ? undo ? tavrel_rtnetlink_del_ip_rule_by_prio(prio)
-                                              : tavrel_rtnetlink_add_ip_rule(t + 1, 0xff, 100 + t, prio)
-                             : kind == 1 ? (undo ? tavrel_addrlabel_del : tavrel_addrlabel_add)(&v6, 64, 1000 + t * 100 + x, 1)
+                const int kind = i % 5, label_value = 1000 + t * 100 + x;
+                failures += (kind == 0   ? undo ? tavrel_rtnetlink_del_ip_rule_by_prio(prio)
+                                                : tavrel_rtnetlink_add_ip_rule(t + 1, 0xff, 100 + t, prio)
+                             : kind == 1 ? (undo ? tavrel_addrlabel_del : tavrel_addrlabel_add)(&v6, 64, label_value, 1)
                              : kind == 2 ? undo ? tavrel_xfrm_remove_policies(net.c_str(), "10.200.0.0/16", "6", 1)
                                                 : tavrel_xfrm_add_policies(&pair, net.c_str(), "10.200.0.0/16", "6", 1)
                              : kind == 3 ? tavrel_rtnetlink_addr_cfg("c0", &v4, 24, undo ? 2 : 0, 0)
@@ -62,10 +62,10 @@ TEST_F(KernelTest, SixteenThreadsLeaveExactlyTheirState)
             if (k % 4 != 1)
                 left[3].insert(fmt("10.%d.%d.1/24\n", 100 + t, k));
         }
-    const char *const shown[] = {"ip -4 rule | grep '^1[0-9]\\{4\\}:'",
-                                 "ip addrlabel | grep -o 'prefix .* label [0-9]\\{4,\\}'",
-                                 "ip xfrm policy list dir out | sed -n 's|^src \\(.*\\) dst 10.200.0.0/16 proto tcp.*|\\1|p'",
-                                 "ip -4 -o addr show dev c0 | awk '{print $4}'"};
+    const char *const shown[] = {
+        "ip -4 rule | grep '^1[0-9]\\{4\\}:'", "ip addrlabel | grep -o 'prefix .* label [0-9]\\{4,\\}'",
+        "ip xfrm policy list dir out | sed -n 's|^src \\(.*\\) dst 10.200.0.0/16 proto tcp.*|\\1|p'",
+        "ip -4 -o addr show dev c0 | awk '{print $4}'"};
     for (int i = 0; i < 4; i++) {
         std::string want;
         for (const std::string &line : left[i])
