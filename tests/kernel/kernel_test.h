@@ -25,6 +25,8 @@ inline std::string sh(const std::string &command)
     }
     return out;
 }
+
+// printf into a string.
 template <typename... Args>
 std::string fmt(const char *format, Args... args)
 {

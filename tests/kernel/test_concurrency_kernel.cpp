@@ -11,7 +11,9 @@
 
 #include "kernel_test.h"
 
-TEST_F(KernelTest, SixteenThreadsLeaveExactlyTheirState)
+using ConcurrencyKernelTest = KernelTest;
+
+TEST_F(ConcurrencyKernelTest, SixteenThreadsLeaveExactlyTheirState)
 {
     constexpr int kThreads = 16, kCalls = 200;
     SH_OK("ip link add c0 type veth peer name c1 && ip link set c0 up");

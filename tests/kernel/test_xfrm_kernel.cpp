@@ -1,5 +1,6 @@
-// SAs, policies and SA-pair removal against the running kernel, read back with `ip xfrm`. Without ESP the
-// kernel refuses every SA; with it (the full-kernel tier) the ESP SAs are read back.
+// SAs and policies against the running kernel, read back with `ip xfrm`. Without ESP the kernel refuses
+// every SA; with it (the full-kernel tier) the ESP SAs are read back. That tavrel_xfrm_remove_states finds
+// its pair in the kernel's own dump shows in the end-to-end tunnel (tests/e2e), which tears side A down.
 #include <linux/xfrm.h>
 #include <netinet/in.h>
 
@@ -129,21 +130,4 @@ TEST_F(KernelTest, TunnelAndBypassPoliciesReadBack)
           {bypass + "in priority 10 ptype main \n", "!tmpl"});
     check("bypass out removed", tavrel_xfrm_remove_policy_ex(XFRM_POLICY_OUT), 0, "ip xfrm policy",
           {"!dir out", "dir in"});
-}
-
-// Of the pair's two SAs and two others (its TX SPI towards another peer,
-// another SPI from its peer) exactly the pair goes.
-TEST_F(KernelTest, RemoveStatesDeletesExactlyThePair)
-{
-    const auto add = [](const char *src, const char *dst, const char *spi) {
-        return std::string("ip xfrm state add src ") + src + " dst " + dst + " proto esp spi " + spi +
-               " mode tunnel enc 'cbc(aes)' 0x" + std::string(32, '7');
-    };
-    const bool esp = kernel_has(add("192.0.2.1", "198.51.100.2", "0x1000"), "ESP (esp4, xfrm_user)");
-    if (esp)
-        SH_OK(add("198.51.100.2", "192.0.2.1", "0x2000") + " && " + add("192.0.2.1", "198.51.100.3", "0x1000") +
-              " && " + add("198.51.100.2", "192.0.2.1", "0x3000"));
-    check("removed", tavrel_xfrm_remove_states(&kPair), 0, "ip xfrm state",
-          {"!dst 198.51.100.2\n", "!spi 0x00002000", esp ? "dst 198.51.100.3\n\tproto esp spi 0x00001000" : "^$",
-           esp ? "spi 0x00003000" : "^$"});
 }
