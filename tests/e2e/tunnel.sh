@@ -12,9 +12,7 @@ work=$(mktemp -d) holders=() passed=0 failed=0
 reset() { kill "${holders[@]}" 2>/dev/null; holders=(); ip netns del tunA 2>/dev/null; ip netns del tunB 2>/dev/null; }
 trap 'reset; rm -rf "$work"' EXIT
 a_out=192.0.2.1 b_out=192.0.2.2 a_in=198.51.100.1 b_in=203.0.113.1 spi_tx=0x1001 spi_rx=0x2001
-crypt_tx=000102030405060708090a0b0c0d0e0f crypt_rx=f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff
-auth_tx=202122232425262728292a2b2c2d2e2f303132333435363738393a3b3c3d3e3f
-auth_rx=404142434445464748494a4b4c4d4e4f505152535455565758595a5b5c5d5e5f
+crypt_tx=$(printf %02x {0..15}) crypt_rx=$(printf %02x {240..255}) auth_tx=$(printf %02x {32..63}) auth_rx=$(printf %02x {64..95})
 
 check() {  # NAME COMMAND...: one step; its output shows in --show mode, or when it fails
 	local name=$1
