@@ -1,11 +1,10 @@
 #!/bin/bash
 # Runs the kernel tier of one build tree and the end-to-end tunnel, or the
-# README's demonstration, inside a full Debian kernel under qemu
-# (docs/kernel-tier.md): assembles the payload (the tree's programs, and its
-# libraries under their SONAMEs; tests/e2e; tests/vm/run.sh, which runs in the
-# guest) and boots it with tools/vm/run-guest.sh, whose status it returns: that
-# of run.sh, 124 for a time-out, 125 for a guest that did not come up.
-# TAVREL_VM_TIMEOUT (seconds, default 600) bounds the guest run.
+# README's demonstration, in a full Debian kernel under qemu (docs/kernel-tier.md).
+# The payload: the tree's programs and libraries (under their SONAMEs), tests/e2e
+# and tests/vm/run.sh, which runs in the guest of tools/vm/run-guest.sh. Status:
+# run.sh's, 124 for a time-out (TAVREL_VM_TIMEOUT seconds, default 600), 125 for
+# a guest that did not come up.
 #
 # usage: tests/vm/guest-tier.sh x86_64|armhf BUILD_DIR [kernel|demo] [5.10|6.1|6.12]
 set -euo pipefail
