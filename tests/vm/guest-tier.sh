@@ -1,19 +1,12 @@
 #!/bin/bash
-# Runs the kernel tier of one build tree, and the end-to-end tunnel, inside a
-# full Debian kernel under qemu (tools/vm/run-guest.sh); or the README's
-# demonstration there.
+# Runs the kernel tier of one build tree and the end-to-end tunnel, or the
+# README's demonstration, in a full Debian kernel under qemu (docs/kernel-tier.md).
+# The payload: the tree's programs and libraries (under their SONAMEs), tests/e2e
+# and tests/vm/run.sh, which runs in the guest of tools/vm/run-guest.sh. Status:
+# run.sh's, 124 for a time-out (TAVREL_VM_TIMEOUT seconds, default 600), 125 for
+# a guest that did not come up.
 #
 # usage: tests/vm/guest-tier.sh x86_64|armhf BUILD_DIR [kernel|demo] [5.10|6.1|6.12]
-#
-# The last argument is the kernel line (default 6.1), passed on as --kernel.
-# The payload: the tree's tavrel_kernel_tests (not for the demonstration),
-# tavrelctl and udp_encap_holder, libnltavrel, libtavrel_host and the liblog
-# the tree linked (each under its SONAME), tests/e2e, tests/vm/run.sh (which
-# runs in the guest), and for the demonstration tools/demo and
-# tools/examples. The guest's own libraries
-# (C and C++ runtime) are added by the runner. The status is the runner's:
-# that of run.sh in the guest, 124 for a time-out, 125 for a guest that did
-# not come up. TAVREL_VM_TIMEOUT (seconds, default 600) bounds the guest run.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 [[ $# -ge 2 ]] || { sed -n 's/^# usage: //p' "${BASH_SOURCE[0]}" >&2; exit 2; }
@@ -38,9 +31,5 @@ done
 cp "$root"/tests/e2e/*.sh "$payload/e2e/"
 cp "$root/tests/vm/run.sh" "$payload/run.sh"
 echo "$mode" >"$payload/mode"
-echo "$line" >"$payload/kernel-line"
 [[ $mode != demo ]] || cp -r "$root/tools/demo" "$root/tools/examples" "$payload/tools/"
-
-status=0
-"$root/tools/vm/run-guest.sh" --arch "$arch" --kernel "$line" --payload "$payload" --timeout "${TAVREL_VM_TIMEOUT:-600}" || status=$?
-exit $status
+"$root/tools/vm/run-guest.sh" --arch "$arch" --kernel "$line" --payload "$payload" --timeout "${TAVREL_VM_TIMEOUT:-600}"

@@ -11,11 +11,7 @@ case $(cat mode) in
 kernel)
 	rc=0
 	./bin/tavrel_kernel_tests 2>&1 | tee /tmp/kernel-tier.out
-	[[ ${PIPESTATUS[0]} -eq 0 ]] || rc=1
-	if grep -q '^\[  SKIPPED \]' /tmp/kernel-tier.out; then
-		echo "kernel tier: FAILED: tests were skipped; in the full kernel every test must run"
-		rc=1
-	fi
+	[[ ${PIPESTATUS[0]} -eq 0 ]] && ! grep '^\[  SKIPPED \]' /tmp/kernel-tier.out || rc=1
 	bash e2e/tunnel.sh bin/tavrelctl bin/udp_encap_holder || rc=1
 	exit $rc
 	;;
