@@ -80,13 +80,6 @@ bytes operator+(bytes a, const bytes &b)
     return a;
 }
 
-bytes u32_bytes(uint32_t value)
-{
-    bytes b(4);
-    std::memcpy(b.data(), &value, 4);
-    return b;
-}
-
 bytes str_bytes(const std::string &s)
 {
     bytes b(s.begin(), s.end());
@@ -108,12 +101,8 @@ bytes datagram(const std::vector<msg> &messages)
 {
     bytes out;
     for (const auto &m : messages) {
-        nlmsghdr h{};
-        h.nlmsg_len = m.len_override ? m.len_override : static_cast<uint32_t>(NLMSG_HDRLEN + m.payload.size());
-        h.nlmsg_type = m.type;
-        h.nlmsg_flags = m.flags;
-        out.insert(out.end(), reinterpret_cast<uint8_t *>(&h), reinterpret_cast<uint8_t *>(&h) + sizeof h);
-        out.insert(out.end(), m.payload.begin(), m.payload.end());
+        const uint32_t length = m.len_override ? m.len_override : static_cast<uint32_t>(NLMSG_HDRLEN + m.payload.size());
+        out = out + raw(nlmsghdr{length, m.type, m.flags, 0, 0}) + m.payload;
         out.resize(NLMSG_ALIGN(out.size()), 0);
     }
     return out;
@@ -121,20 +110,8 @@ bytes datagram(const std::vector<msg> &messages)
 
 bytes ack(int32_t code, const bytes &echoed_request, uint16_t flags)
 {
-    bytes payload(sizeof(int32_t));
-    std::memcpy(payload.data(), &code, sizeof code);
-    if (echoed_request.empty())
-        payload.resize(sizeof(nlmsgerr), 0);
-    else
-        payload = payload + echoed_request;
-    return datagram({msg{NLMSG_ERROR, flags, payload}});
-}
-
-bytes done(int32_t status)
-{
-    bytes payload(4);
-    std::memcpy(payload.data(), &status, 4);
-    return datagram({msg{NLMSG_DONE, NLM_F_MULTI, payload}});
+    const bytes rest = echoed_request.empty() ? bytes(sizeof(nlmsgerr) - sizeof code) : echoed_request;
+    return datagram({msg{NLMSG_ERROR, flags, raw(code) + rest}});
 }
 
 }  // namespace fk

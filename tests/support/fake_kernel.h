@@ -61,19 +61,29 @@ int open_descriptors();
 // the given protocol.
 std::vector<bytes> requests_on(int protocol);
 
-// Helpers to build kernel answers.
+// Helpers to build kernel answers and expected requests.
 struct msg {
     uint16_t type = 0;
     uint16_t flags = 0;
     bytes payload;
     uint32_t len_override = 0;  // nlmsg_len to write instead of the true length
 };
-bytes datagram(const std::vector<msg> &messages);
-bytes ack(int32_t code, const bytes &echoed_request = {}, uint16_t flags = 0);
-bytes done(int32_t status = 0);
-bytes attr(uint16_t type, const bytes &payload);
-bytes u32_bytes(uint32_t value);
+// The bytes of a value, padding included.
+template <typename T>
+bytes raw(const T &v)
+{
+    const auto *p = reinterpret_cast<const uint8_t *>(&v);
+    return bytes(p, p + sizeof v);
+}
+inline bytes u32_bytes(uint32_t value) { return raw(value); }
 bytes operator+(bytes a, const bytes &b);
 bytes str_bytes(const std::string &s);  // with terminating NUL
+bytes attr(uint16_t type, const bytes &payload);
+// Messages padded one after the other, as in a datagram.
+bytes datagram(const std::vector<msg> &messages);
+// A request as it must go out: the netlink header, its length counted, then the body.
+inline bytes request(uint16_t type, uint16_t flags, const bytes &body) { return datagram({{type, flags, body}}); }
+bytes ack(int32_t code, const bytes &echoed_request = {}, uint16_t flags = 0);
+inline bytes done(int32_t status = 0) { return datagram({{NLMSG_DONE, NLM_F_MULTI, raw(status)}}); }
 
 }  // namespace fk

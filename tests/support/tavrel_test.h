@@ -44,20 +44,6 @@ inline fk::bytes request_bytes(const void *request)
 
 namespace fk {
 
-// The bytes of a value, padding included.
-template <typename T>
-bytes raw(const T &v)
-{
-    const auto *p = reinterpret_cast<const uint8_t *>(&v);
-    return bytes(p, p + sizeof v);
-}
-
-// A request as it must go out: the netlink header, its length counted, then the body.
-inline bytes request(uint16_t type, uint16_t flags, const bytes &body)
-{
-    return raw(nlmsghdr{static_cast<uint32_t>(NLMSG_HDRLEN + body.size()), type, flags, 0, 0}) + body;
-}
-
 // The daemon's record of an address text; all zero for none or a bad text.
 inline tavrel_ip_addr ip(const char *text)
 {
