@@ -202,7 +202,7 @@ TEST_F(Faults, EveryExportEveryFailingCall)
           {D, {"ERR tavrel_addrlabel_purge_label(): dumping labels failed\n"}, one_label},
           {T, {modify, "ERR tavrel_addrlabel_purge_label_dump_cb(): Purging address with label 100 failed\n"}, ok, 0}}},
     };
-    // Every entry: the fake kernel's descriptors are real ones too.
+    // Every descriptor, not only the fake kernel's sockets.
     const auto open_fds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
     size_t count = 0;
     const auto run = [&](const row &r, size_t at, int f, size_t fail_node) {
@@ -332,8 +332,8 @@ size_t residue(const bytes &stack, const std::vector<Needle> &needles, size_t wi
     return found;
 }
 
-// The call on a thread of its own whose stack was zeroed; gives that stack afterwards.
-bytes on_zeroed_stack(const std::function<void()> &call)
+// The call on a thread of its own whose stack was zeroed: its result, and that stack afterwards.
+std::pair<int, bytes> on_zeroed_stack(const std::function<int()> &call)
 {
     static uint8_t stack[256 * 1024] __attribute__((aligned(4096)));
     // valgrind takes a dead thread's stack for inaccessible; this test means to look at it.
@@ -343,12 +343,13 @@ bytes on_zeroed_stack(const std::function<void()> &call)
     pthread_attr_init(&attr);
     pthread_attr_setstack(&attr, stack, sizeof stack);
     pthread_t thread;
-    auto run = [](void *f) -> void * { return (*static_cast<const std::function<void()> *>(f))(), nullptr; };
-    EXPECT_EQ(pthread_create(&thread, &attr, run, const_cast<std::function<void()> *>(&call)), 0);
-    pthread_join(thread, nullptr);
+    auto run = [](void *f) -> void * { return reinterpret_cast<void *>(intptr_t{(*static_cast<std::function<int()> *>(f))()}); };
+    EXPECT_EQ(pthread_create(&thread, &attr, run, const_cast<std::function<int()> *>(&call)), 0);
+    void *result = nullptr;
+    pthread_join(thread, &result);
     pthread_attr_destroy(&attr);
     VALGRIND_MAKE_MEM_DEFINED(stack, sizeof stack);
-    return bytes(stack, stack + sizeof stack);
+    return {static_cast<int>(reinterpret_cast<intptr_t>(result)), bytes(stack, stack + sizeof stack)};
 }
 
 // Both SA exports run on a zeroed stack: afterwards no run of 4 key bytes and
@@ -372,9 +373,7 @@ TEST_F(KeyHygiene, NoKeyBytesOrKeyTextLeftOnTheStack)
                 logcap::start(sinks, sinks ? 3 : 0);
                 for (size_t i = 0; i < 2; i++)
                     fk::expect_socket().reply(refuse ? fk::ack(-EEXIST, requests.at(i)) : fk::ack(0));
-                int result = 0;
-                const std::function<int()> &call = function;  // clang 14 cannot capture a structured binding
-                const bytes stack = on_zeroed_stack([&] { result = call(); });
+                const auto [result, stack] = on_zeroed_stack(function);
                 EXPECT_EQ(result, refuse ? -1 : 0);
                 if (!refuse)
                     requests = fk::requests_on(NETLINK_XFRM), requests.resize(2, requests[0]);
