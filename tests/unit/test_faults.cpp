@@ -51,6 +51,13 @@ std::string hex(const bytes &b)
     return text;
 }
 
+// A request with room behind it for the attributes a put adds.
+struct request_buffer {
+    nlmsghdr h;
+    uint8_t body[64];
+};
+const tavrel_ip_addr kV4 = ip("10.1.2.3"), kV6 = ip("2001:db8::5");
+
 // Encryption TX and RX, authentication TX and RX: each byte in one key only.
 const std::vector<bytes> kKeys = {key(0xc1, 16), key(0xe1, 16), key(0x81, 32), key(0xa1, 32)};
 
@@ -148,11 +155,7 @@ TEST_F(Faults, EveryExportEveryFailingCall)
     sa.family = AF_INET;
     memcpy(&sa.saddr, pair.local_addr.addr, 4);
     memcpy(&sa.id.daddr, pair.remote_addr.addr, 4);
-    static const tavrel_ip_addr v4 = ip("10.1.2.3"), v6 = ip("2001:db8::5");
-    static const struct {
-        nlmsghdr h;
-        uint8_t body[64];  // room for the attributes the put rows add
-    } request = {{28, RTM_NEWRULE, NLM_F_REQUEST | NLM_F_ACK, 0, 0}, {AF_INET}};
+    static const request_buffer request = {{28, RTM_NEWRULE, NLM_F_REQUEST | NLM_F_ACK, 0, 0}, {AF_INET}};
     const P record = P().reply(fk::datagram({label_entry(7)}));
     const P genl = P().reply(fk::datagram({{GENL_ID_CTRL, 0, bytes(4) + fk::attr(CTRL_ATTR_FAMILY_ID, {0x1c, 0})}}));
     const P dump_sa = P().reply(fk::datagram({{XFRM_MSG_NEWSA, NLM_F_MULTI, raw(sa)}})).reply(fk::done());
@@ -171,7 +174,7 @@ TEST_F(Faults, EveryExportEveryFailingCall)
         {"del_ip_rule", [] { return tavrel_rtnetlink_del_ip_rule(1, 1, 1, 1); }, {{N, {rule + "del_ip_rule(): Failed to remove ip rule\n"}, P()}}},
         {"del_ip_rule_by_prio", [] { return tavrel_rtnetlink_del_ip_rule_by_prio(1); },
          {{N, {rule + "del_ip_rule_by_prio(): Failed to remove ip rule\n"}, P()}}},
-        {"addr_cfg", [] { return tavrel_rtnetlink_addr_cfg("eth0", &v4, 24, 0, 0); }, {{T, {rule + "addr_cfg(): configuring address failed\n"}}}},
+        {"addr_cfg", [] { return tavrel_rtnetlink_addr_cfg("eth0", &kV4, 24, 0, 0); }, {{T, {rule + "addr_cfg(): configuring address failed\n"}}}},
         {"gso_max_size", [] { return tavrel_rtnetlink_gso_max_size("eth0", 0); },
          {{T, {rule + "gso_max_size(): configuring gso max size failed for dev eth0\n"}}}},
         {"tc_qdisc", [] { return tavrel_rtnetlink_tc_qdisc("eth0", "pfifo", 0, 0x10000, 0); }, {{R, {rule + "tc_qdisc" + tc}}}},
@@ -193,11 +196,11 @@ TEST_F(Faults, EveryExportEveryFailingCall)
           {T, {unpolicy, xfrm + "remove_policies(): removing forwarding XFRM policy failed\n"}}}},
         {"add_policy_ex", [] { return tavrel_xfrm_add_policy_ex(XFRM_POLICY_OUT); }, {{T, {xfrm + "add_policy_ex(): Sending XFRM policy failed\n"}}}},
         {"remove_policy_ex", [] { return tavrel_xfrm_remove_policy_ex(XFRM_POLICY_OUT); }, {{T, {unpolicy}}}},
-        {"addrlabel_add", [] { return tavrel_addrlabel_add(&v6, 64, 100, 3); }, {{T, {modify}}}},
-        {"addrlabel_del", [] { return tavrel_addrlabel_del(&v6, 64, 100, 3); }, {{T, {modify}}}},
+        {"addrlabel_add", [] { return tavrel_addrlabel_add(&kV6, 64, 100, 3); }, {{T, {modify}}}},
+        {"addrlabel_del", [] { return tavrel_addrlabel_del(&kV6, 64, 100, 3); }, {{T, {modify}}}},
         {"addrlabel_generate", [] { uint32_t label; return tavrel_addrlabel_generate(6, 0, &label); },
          {{D, {"ERR tavrel_addrlabel_generate(): gathering list of current labels failed\n"}, dump_labels}}, {40, 21}},
-        {"addrlabel_purge_label", [] { return tavrel_addrlabel_purge_label(&v6, 64, 3); },
+        {"addrlabel_purge_label", [] { return tavrel_addrlabel_purge_label(&kV6, 64, 3); },
          {{Q, {"ERR tavrel_addrlabel_purge_label(): querying label failed\n"}, P().reply(fk::datagram({label_entry(100)}))},
           {D, {"ERR tavrel_addrlabel_purge_label(): dumping labels failed\n"}, one_label},
           {T, {modify, "ERR tavrel_addrlabel_purge_label_dump_cb(): Purging address with label 100 failed\n"}, ok, 0}}},
@@ -259,13 +262,8 @@ TEST_F(Faults, EveryExportEveryFailingCall)
 // the void ones) after one ERR line naming the argument, and no socket.
 TEST_F(Arguments, NullPointersAreRefusedByName)
 {
-    struct {
-        nlmsghdr header;
-        uint8_t room[8];
-    } buffer{};
-    nlmsghdr &request = buffer.header;
-    request.nlmsg_len = NLMSG_HDRLEN;
-    static const tavrel_ip_addr v6 = ip("::1");
+    request_buffer buffer = {{NLMSG_HDRLEN, 0, 0, 0, 0}, {}};
+    nlmsghdr &request = buffer.h;
     const nlattr *table[4];
     uint32_t label = 0;
     uint16_t id = 0;
@@ -286,7 +284,7 @@ TEST_F(Arguments, NullPointersAreRefusedByName)
         {"tavrel_netlink_query", "callback", [&] { return tavrel_netlink_query(&request, 0, nullptr, nullptr, 1); }},
         {"tavrel_netlink_query_genl", "family_name", [&] { return tavrel_netlink_query_genl(nullptr, 1, &id); }},
         {"tavrel_netlink_query_genl", "family_id", [] { return tavrel_netlink_query_genl("nlctrl", 1, nullptr); }},
-        {"tavrel_rtnetlink_addr_cfg", "interface_name", [] { return tavrel_rtnetlink_addr_cfg(nullptr, &v6, 64, 0, 0); }},
+        {"tavrel_rtnetlink_addr_cfg", "interface_name", [] { return tavrel_rtnetlink_addr_cfg(nullptr, &kV6, 64, 0, 0); }},
         {"tavrel_rtnetlink_addr_cfg", "address", [] { return tavrel_rtnetlink_addr_cfg("lo", nullptr, 64, 0, 0); }},
         {"tavrel_rtnetlink_gso_max_size", "interface_name", [] { return tavrel_rtnetlink_gso_max_size(nullptr, 1); }},
         {"tavrel_xfrm_add_states", "sa_cfg", [] { return tavrel_xfrm_add_states(nullptr, 0, 0, 0); }},
