@@ -136,15 +136,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     input = data + 1;
     input_left = size - 1;
     kv_log_mask = 1;  // formats every line; the host drops it without a sink
-    bool may_leave_list = false;
     in_call = true;
     const bool stopped = sigsetjmp(stop, 1) != 0;
-    if (!stopped)
-        may_leave_list = call(data[0], data + 1, size - 1);
+    const bool may_leave_list = !stopped && call(data[0], data + 1, size - 1);
     in_call = false;
-    if (!stopped && std::any_of(sockets, sockets + kFds, [](const fake_socket &s) { return s.open; }))
-        __builtin_trap();
-    std::fill(sockets, sockets + kFds, fake_socket{});
     // What is left must be exactly the label list: nodes chained from the
     // first to the last, which points back at the (gone) head.
     size_t chained = 0;
@@ -155,8 +150,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
              node = node->next)
             chained++;
     }
-    if (!stopped && live_count != 0 && !(may_leave_list && chained == live_count))
+    const bool open = std::any_of(sockets, sockets + kFds, [](const fake_socket &s) { return s.open; });
+    if (!stopped && (open || (live_count != 0 && !(may_leave_list && chained == live_count))))
         __builtin_trap();
+    std::fill(sockets, sockets + kFds, fake_socket{});
     // Through the wrapper by name: the compiler takes free() for the C
     // library's, which could not touch this file's variables.
     while (live_count)

@@ -130,9 +130,8 @@ struct row {
 
 fk::msg label_entry(uint32_t label)
 {
-    const tavrel_ip_addr a = ip("2001:db8::5");
     return {RTM_NEWADDRLABEL, NLM_F_MULTI, raw(ifaddrlblmsg{AF_INET6, 0, 64, 0, 3, 0}) +
-                                               fk::attr(IFAL_ADDRESS, bytes(a.addr, a.addr + 16)) +
+                                               fk::attr(IFAL_ADDRESS, bytes(kV6.addr, kV6.addr + 16)) +
                                                fk::attr(IFAL_LABEL, fk::u32_bytes(label))};
 }
 
