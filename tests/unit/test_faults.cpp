@@ -86,7 +86,7 @@ using Arguments = TavrelTest;
 // without acknowledgement, or the route socket of traffic control.
 enum path : char { T, D, Q, N, R };
 enum fault : int { SOCKET, SETSOCKOPT, BIND, SEND, SHORT_SEND, RECV /* RECV + n - 1: the n-th receive */ };
-// Where a fault puts its errno; a short send and a failed receive fail the receives past the replies kept.
+// Where a fault puts its errno; a short send, and a failed receive, fail the receives past the replies kept.
 int P::*const kErrnoField[] = {&P::socket_errno, &P::setsockopt_errno, &P::bind_errno, &P::send_errno, &P::recv_errno};
 const int kErrno[] = {EMFILE, ENOPROTOOPT, EADDRINUSE, EPERM, ENOBUFS};
 
@@ -138,13 +138,13 @@ fk::msg label_entry(uint32_t label)
 void nothing(const nlmsghdr *, void *) {}
 uint32_t take(const nlmsghdr *, void *) { return 1; }
 
-// Every export against every call it makes failing in turn: each socket's
-// socket(), setsockopt(), bind(), sendto() (an error, and a short send) and
-// each of its receives, and each allocation of the label list. Checked: the
-// result, the ERR lines, no descriptor left open (/proc/self/fd), and no
-// label-list node left but those a failed dump leaves behind on purpose,
-// which are identified by their labels and freed (LSan sees the rest in the
-// sanitizer tree).
+// Every export that talks to the kernel against every call it makes failing
+// in turn: each socket's socket(), setsockopt(), bind(), sendto() (an error,
+// and a short send) and each of its receives, and each allocation of the
+// label list. Checked: the result, the ERR lines, no descriptor left open
+// (/proc/self/fd), and no label-list node left but those a failed dump leaves
+// behind on purpose, which are identified by their labels and freed (LSan
+// sees the rest in the sanitizer tree).
 TEST_F(Faults, EveryExportEveryFailingCall)
 {
     static const tavrel_xfrm_sa_addrs pair = {ip("10.1.0.1"), ip("10.2.0.1"), 1, 2, IPPROTO_ESP, 1};
@@ -216,7 +216,7 @@ TEST_F(Faults, EveryExportEveryFailingCall)
         for (size_t i = 0; i < r.sockets.size(); i++) {
             P p = r.sockets[i].plan;
             if (i == at) {
-                p.*kErrnoField[std::min(f, 4)] = kErrno[std::min(f, 4)];
+                p.*kErrnoField[std::min<int>(f, SHORT_SEND)] = kErrno[std::min<int>(f, SHORT_SEND)];
                 p.send_short_by = f == SHORT_SEND;
                 p.replies.resize(f >= RECV ? f - RECV : p.replies.size());
             }
