@@ -21,12 +21,14 @@ extern "C" void __wrap_free(void *block);
 namespace {
 
 constexpr int kFdBase = 1000, kFds = 16;
-bool fd_open[kFds];
+struct fake_socket {
+    bool open;
+    uint8_t *poisoned, *poisoned_end;  // the rest of the library's receive buffer
+} sockets[kFds];
 const uint8_t *input;
 size_t input_left;
 const uint8_t *datagram;  // the last one received, as the library holds it
 size_t datagram_len;
-uint8_t *poisoned[kFds], *poisoned_end[kFds];  // per socket, the rest of the library's receive buffer
 
 bool in_call;
 sigjmp_buf stop;
@@ -40,7 +42,7 @@ struct __attribute__((packed)) clean_end {
     int32_t status;
 } const kCleanEnd = {{36, NLMSG_ERROR, 0, 0, 0}, {0, {16, 0, 0, 0, 0}}, {20, NLMSG_DONE, NLM_F_MULTI, 0, 0}, 0};
 
-bool fake(int fd) { return fd >= kFdBase && fd < kFdBase + kFds && fd_open[fd - kFdBase]; }
+bool fake(int fd) { return fd >= kFdBase && fd < kFdBase + kFds && sockets[fd - kFdBase].open; }
 
 void check_message(const nlmsghdr *m)
 {
@@ -134,16 +136,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     input = data + 1;
     input_left = size - 1;
     kv_log_mask = 1;  // formats every line; the host drops it without a sink
-    bool may_leave_list = false;
     in_call = true;
     const bool stopped = sigsetjmp(stop, 1) != 0;
-    if (!stopped)
-        may_leave_list = call(data[0], data + 1, size - 1);
+    const bool may_leave_list = !stopped && call(data[0], data + 1, size - 1);
     in_call = false;
-    if (!stopped && std::count(fd_open, fd_open + kFds, true) != 0)
-        __builtin_trap();
-    for (int i = 0; i < kFds; i++)
-        fd_open[i] = false, poisoned[i] = poisoned_end[i] = nullptr;
     // What is left must be exactly the label list: nodes chained from the
     // first to the last, which points back at the (gone) head.
     size_t chained = 0;
@@ -154,8 +150,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
              node = node->next)
             chained++;
     }
-    if (!stopped && live_count != 0 && !(may_leave_list && chained == live_count))
+    const bool open = std::any_of(sockets, sockets + kFds, [](const fake_socket &s) { return s.open; });
+    if (!stopped && (open || (live_count != 0 && !(may_leave_list && chained == live_count))))
         __builtin_trap();
+    std::fill(sockets, sockets + kFds, fake_socket{});
     // Through the wrapper by name: the compiler takes free() for the C
     // library's, which could not touch this file's variables.
     while (live_count)
@@ -172,8 +170,8 @@ int socket(int domain, int type, int protocol)
     if (domain != AF_NETLINK)
         return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
     for (int i = 0; i < kFds; i++)
-        if (!fd_open[i])
-            return fd_open[i] = true, kFdBase + i;
+        if (!sockets[i].open)
+            return sockets[i].open = true, kFdBase + i;
     __builtin_trap();  // sockets pile up
 }
 
@@ -210,8 +208,7 @@ ssize_t recvfrom(int fd, void *buffer, size_t length, int flags, sockaddr *from,
     ASAN_POISON_MEMORY_REGION(static_cast<uint8_t *>(buffer) + n, length - n);
     datagram = static_cast<const uint8_t *>(buffer);
     datagram_len = n;
-    poisoned[fd - kFdBase] = static_cast<uint8_t *>(buffer) + n;
-    poisoned_end[fd - kFdBase] = static_cast<uint8_t *>(buffer) + length;
+    sockets[fd - kFdBase] = {true, static_cast<uint8_t *>(buffer) + n, static_cast<uint8_t *>(buffer) + length};
     return static_cast<ssize_t>(n);
 }
 
@@ -219,8 +216,7 @@ int close(int fd)
 {
     if (!fake(fd))
         return static_cast<int>(syscall(SYS_close, fd));
-    fd_open[fd - kFdBase] = false;
-    poisoned[fd - kFdBase] = poisoned_end[fd - kFdBase] = nullptr;
+    sockets[fd - kFdBase] = {};
     return 0;
 }
 
@@ -232,9 +228,9 @@ int close(int fd)
 void *__real___asan_memset(void *block, int value, size_t size);
 void *__wrap___asan_memset(void *block, int value, size_t size)
 {
-    for (int i = 0; i < kFds; i++) {
-        uint8_t *begin = std::max(static_cast<uint8_t *>(block), poisoned[i]);
-        uint8_t *end = std::min(static_cast<uint8_t *>(block) + size, poisoned_end[i]);
+    for (const fake_socket &s : sockets) {
+        uint8_t *begin = std::max(static_cast<uint8_t *>(block), s.poisoned);
+        uint8_t *end = std::min(static_cast<uint8_t *>(block) + size, s.poisoned_end);
         if (begin < end)
             ASAN_UNPOISON_MEMORY_REGION(begin, static_cast<size_t>(end - begin));
     }
