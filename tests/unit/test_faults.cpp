@@ -23,17 +23,9 @@ namespace {
 
 using fk::bytes;
 using fk::operator+;
+using fk::ip;
+using fk::raw;
 using P = fk::socket_plan;
-
-template <typename T>
-bytes raw(const T &v) { return bytes(reinterpret_cast<const uint8_t *>(&v), reinterpret_cast<const uint8_t *>(&v + 1)); }
-
-tavrel_ip_addr ip(const char *text)
-{
-    tavrel_ip_addr a{strchr(text, ':') ? 6u : 4u, 0, {}};
-    inet_pton(a.family == 6 ? AF_INET6 : AF_INET, text, a.addr);
-    return a;
-}
 
 bytes key(uint8_t first, size_t size)
 {

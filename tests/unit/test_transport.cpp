@@ -9,7 +9,6 @@
 
 using fk::operator+;
 using P = fk::socket_plan;
-using testing::StartsWith;
 
 namespace {
 
