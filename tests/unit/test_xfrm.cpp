@@ -204,7 +204,8 @@ TEST_F(Xfrm, StatesRequestsResultsAndLogs)
     };
     const tavrel_xfrm_sa_cfg base = cfg(), no_tx_key = cfg("crypto_key_tx_valid=0"), odd = cfg("local_family=5");
     const tavrel_xfrm_sa_cfg mixed = cfg("dest=2001:db8::2;mode=transport;udp_encap=0");
-    const tavrel_xfrm_addr_set plain = set(), zero = set("local_family=0"), rx = set("udp_encap=0"), unfilled = set("is_valid=0");
+    const tavrel_xfrm_addr_set plain = set(), zero = set("local_family=0"), unfilled = set("is_valid=0");
+    const tavrel_xfrm_addr_set rx = set("udp_encap=0;remote=2001:db8::2");
     const bytes no_encap = fk::attr(XFRMA_ENCAP, {});
     // Both paths with the output-mark switch and link technology given: the address set builds the same request.
     const auto marks = [&](int tx, uint32_t on, int32_t link, std::optional<uint32_t> mark) {
@@ -248,9 +249,10 @@ TEST_F(Xfrm, StatesRequestsResultsAndLogs)
         // The address set takes anything but 4 for AF_INET6.
         {from_set(&zero, 1), {0}, 0, {request(1, {}, {}, nullptr, "10.2.0.1", AF_INET6)},
          "ERR set_addr_from_recovery(): invalid addr family 0\n"},
-        // No encapsulation although the port is filled in; the RX labels differ from the TX ones.
-        {from_set(&rx, 0), {0}, 0, {request(false, {}, {no_encap})},
-         med("add_state_from_addr_set", "daddr = 10.1.0.1|id.saddr = 10.2.0.1|id.spi = 0x2000|crypt.alg_key = 0x" + kKeyRx +
+        // No encapsulation although the port is filled in; the RX labels differ from the TX ones; the local address
+        // decides the family.
+        {from_set(&rx, 0), {0}, 0, {request(false, {}, {no_encap}, "10.1.0.1", V6)},
+         med("add_state_from_addr_set", "daddr = 10.1.0.1|id.saddr = 2001:db8::2|id.spi = 0x2000|crypt.alg_key = 0x" + kKeyRx +
                                             "|crypt.alg_key_len = 128|auth.key_len = 256|auth.key = 0x" + kHashRx +
                                             "|sinfo.flags = 0x20|sinfo.family = AF_INET"), true},
         {from_set(&unfilled, 1), {}, -1, {}, "", true},
