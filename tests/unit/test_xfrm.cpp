@@ -24,18 +24,11 @@ BUDGETED(tavrel_xfrm_utils_get_dest_addr)
 namespace {
 
 using fk::bytes;
+using fk::ip;
 using fk::operator+;
+using fk::raw;
 
-template <typename T>
-bytes raw(const T &v) { const auto *p = reinterpret_cast<const uint8_t *>(&v); return bytes(p, p + sizeof v); }
-
-// The daemon's record of an address text (all zero for none), and its 16 address bytes.
-tavrel_ip_addr ip(const char *text)
-{
-    tavrel_ip_addr a{};
-    a.family = !text ? 0 : inet_pton(AF_INET, text, a.addr) == 1 ? 4 : inet_pton(AF_INET6, text, a.addr) == 1 ? 6 : 0;
-    return a;
-}
+// The 16 address bytes of an address text, all zero for none.
 bytes addr(const char *text) { return raw(ip(text).addr); }
 
 // The kernel's structures field by field, padding included. xfrm_usersa_info: selector; id (daddr, spi, proto, padding);
