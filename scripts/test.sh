@@ -1,20 +1,19 @@
 #!/bin/bash
-# Runs every test tier of libnltavrel, installing what is missing first.
-# Needs root (package installs, network namespaces). The trees and what each
-# runs are the table in README.md ("Tests"); every tree treats warnings as
-# errors. The full-kernel tier (label vm) runs last, once everything is built.
+# Runs every test tier of libnltavrel, installing what is missing first; needs
+# root. The trees and what each runs: README.md, "Tests". Every tree treats
+# warnings as errors; the full-kernel tier (label vm) runs last.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 "$root/scripts/install-deps.sh" test armhf vm
 
-jobs=$(nproc)
 failed=()
 clang=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++)
 
 configure_build() {  # dir, cmake args...
+  echo "=== building $1"
   cmake -S "$root" -B "$1" -DTAVREL_WERROR=ON "${@:2}" >/dev/null
-  cmake --build "$1" -j"$jobs" >/dev/null
+  cmake --build "$1" -j"$(nproc)" >/dev/null
 }
 
 run_ctest() {  # dir, ctest args...
@@ -46,15 +45,13 @@ echo "armhf libnltavrel.so, stripped: $(stat -c %s build-armhf/libnltavrel.strip
 
 # The build types the trees above do not cover: built, not run.
 t0=$SECONDS
-for combo in g++:Release g++:MinSizeRel g++:Debug clang:Release clang:MinSizeRel clang:Debug \
-  asan:Release asan:MinSizeRel asan:RelWithDebInfo; do
-  kind=${combo%%:*} type=${combo#*:} args=()
-  case $kind in
-  clang) args=("${clang[@]}") ;;
-  asan) args=(-DTAVREL_SANITIZE=ON) ;;
-  esac
-  echo "=== build matrix: $kind $type"
-  configure_build "build-matrix/$kind-$type" -DCMAKE_BUILD_TYPE="$type" "${args[@]}" || failed+=("build $kind $type")
+for type in Release MinSizeRel Debug; do
+  configure_build "build-matrix/g++-$type" -DCMAKE_BUILD_TYPE=$type || failed+=("build g++ $type")
+  configure_build "build-matrix/clang-$type" -DCMAKE_BUILD_TYPE=$type "${clang[@]}" || failed+=("build clang $type")
+done
+for type in Release MinSizeRel RelWithDebInfo; do
+  configure_build "build-matrix/asan-$type" -DCMAKE_BUILD_TYPE=$type -DTAVREL_SANITIZE=ON ||
+    failed+=("build asan $type")
 done
 echo "=== build matrix: $((SECONDS - t0)) s"
 

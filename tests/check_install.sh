@@ -19,13 +19,12 @@ prefix=$stage$(sed -n 's/^prefix=//p' "$pc")
 export PKG_CONFIG_LIBDIR=${pc%/*}
 pc_flags() { pkg-config --define-variable=prefix="$prefix" "$@" libnltavrel; }
 # shellcheck disable=SC2046 # word splitting of the pkg-config flags is intended
-"$cc" -std=c11 -Wall -Wextra -Werror $(pc_flags --cflags) "$src/tests/header_check.c" -o "$stage/pkg-config-consumer" \
-  $(pc_flags --libs) -ltavrel_host -Wl,-rpath,"$(pc_flags --variable=libdir)"
+"$cc" -std=c11 -Wall -Wextra -Werror $(pc_flags --cflags) "$src/tests/header_check.c" \
+  -o "$stage/pkg-config-consumer" $(pc_flags --libs) -ltavrel_host -Wl,-rpath,"$(pc_flags --variable=libdir)"
 
 # One project for both ways a CMake user takes. The parent builds only what
 # its program needs, but configures every test and tool.
-mkdir "$stage/project"
-cat >"$stage/project/CMakeLists.txt" <<CMAKE
+cat >"$stage/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.25)
 project(consumer C CXX)
 if(PARENT)
@@ -39,9 +38,9 @@ target_compile_options(consumer PRIVATE -Wall -Wextra -Werror)
 target_link_libraries(consumer PRIVATE libnltavrel::nltavrel libnltavrel::tavrel_host)
 CMAKE
 consumer() {  # build dir under the stage, cmake args...
-  { "$cmake" -S "$stage/project" -B "$stage/$1" -DCMAKE_C_COMPILER="$cc" \
-      ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} "${@:2}" && "$cmake" --build "$stage/$1" --target consumer; } \
-    >"$stage/log" 2>&1 || { cat "$stage/log"; fail "$1: the consumer did not build"; }
+  { "$cmake" -S "$stage" -B "$stage/$1" -DCMAKE_C_COMPILER="$cc" ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} \
+      "${@:2}" && "$cmake" --build "$stage/$1" --target consumer; } >"$stage/log" 2>&1 ||
+    { cat "$stage/log"; fail "$1: the consumer did not build"; }
 }
 # A cross toolchain file confines package searches to its sysroot; name the
 # package's directory then, as a cross-building user would.
@@ -50,9 +49,9 @@ consumer package -DCMAKE_PREFIX_PATH="$prefix" ${toolchain:+-Dlibnltavrel_DIR="$
 consumer parent -DPARENT=ON
 
 for program in pkg-config-consumer package/consumer parent/consumer; do
-  "$@" "$stage/$program" || fail "$program, built against the installed library, did not run correctly"
+  "$@" "$stage/$program" || fail "$program did not run correctly"
 done
 echo "install: the program runs, built with pkg-config, with find_package(libnltavrel CONFIG) and by a parent project"
 # The symbol checks work from the parent's build tree too.
-(cd "$stage/parent" && "$cmake" --build . --target nltavrel >/dev/null && ctest -R '^symbols$' >/dev/null) ||
-  fail "the symbol checks fail in a parent project's tree"
+(cd "$stage/parent" && "$cmake" --build . --target nltavrel >/dev/null &&
+  ctest --no-tests=error -R '^symbols$' >/dev/null) || fail "the symbol checks fail in a parent project's tree"
