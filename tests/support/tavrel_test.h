@@ -54,6 +54,14 @@ inline tavrel_ip_addr ip(const char *text)
 
 }  // namespace fk
 
+// The unit tests' shorthand for the fake kernel's builders.
+using fk::bytes;
+using fk::ip;
+using fk::operator+;
+using fk::raw;
+using P = fk::socket_plan;
+using Call = std::function<int()>;
+
 // "0x5"-style text of a descriptor, as the library logs it.
 inline std::string fd_text(int fd)
 {

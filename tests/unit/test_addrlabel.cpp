@@ -12,13 +12,6 @@
 
 namespace {
 
-using fk::bytes;
-using fk::operator+;
-using fk::ip;
-using fk::raw;
-using P = fk::socket_plan;
-using Call = std::function<int()>;
-
 uint8_t family(const tavrel_ip_addr &a) { return a.family == 6 ? AF_INET6 : AF_INET; }
 bytes address(const tavrel_ip_addr &a) { return fk::attr(IFAL_ADDRESS, bytes(a.addr, a.addr + (a.family == 6 ? 16 : 4))); }
 bytes label(uint32_t value) { return fk::attr(IFAL_LABEL, fk::u32_bytes(value)); }

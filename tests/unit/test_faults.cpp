@@ -21,12 +21,6 @@
 
 namespace {
 
-using fk::bytes;
-using fk::operator+;
-using fk::ip;
-using fk::raw;
-using P = fk::socket_plan;
-
 bytes key(uint8_t first, size_t size)
 {
     bytes k(size);

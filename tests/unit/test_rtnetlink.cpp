@@ -11,12 +11,7 @@
 
 namespace {
 
-using fk::bytes;
-using fk::operator+;
-using fk::raw;
 using fk::request;
-using P = fk::socket_plan;
-using Call = std::function<int()>;
 constexpr uint32_t kRoot = TC_H_ROOT, F = 0xffffffff /* lifetime: forever */;
 constexpr auto qdisc = tavrel_rtnetlink_tc_qdisc;
 constexpr auto prio = tavrel_rtnetlink_tc_prio;

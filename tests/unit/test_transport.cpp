@@ -7,9 +7,6 @@
 #include "tavrel_internal.h"
 #include "tavrel_test.h"
 
-using fk::operator+;
-using P = fk::socket_plan;
-
 namespace {
 
 struct request_buffer {

@@ -23,11 +23,6 @@ BUDGETED(tavrel_xfrm_utils_get_dest_addr)
 
 namespace {
 
-using fk::bytes;
-using fk::ip;
-using fk::operator+;
-using fk::raw;
-
 // The 16 address bytes of an address text, all zero for none.
 bytes addr(const char *text) { return raw(ip(text).addr); }
 
