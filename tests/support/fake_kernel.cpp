@@ -128,7 +128,6 @@ int socket(int domain, int type, int protocol)
     if (!plans.empty())
         plans.pop_front();
     socket_record rec;
-    rec.domain = domain;
     rec.type = type;
     rec.protocol = protocol;
     rec.plan = plan;

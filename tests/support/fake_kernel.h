@@ -35,7 +35,7 @@ struct socket_plan {
 
 struct socket_record {
     int fd = -1;
-    int domain = 0, type = 0, protocol = 0;
+    int type = 0, protocol = 0;  // always of AF_NETLINK: other sockets pass through
     bool ext_ack_requested = false;
     bool bound = false;
     sockaddr_nl bind_address{};
